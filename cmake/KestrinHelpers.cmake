@@ -1,0 +1,35 @@
+# Project-wide helpers: warnings, sanitizers, tests and fuzz targets.
+
+function(kestrin_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+endfunction()
+
+macro(kestrin_apply_sanitizers)
+    if(KESTRIN_SANITIZE)
+        add_compile_options(-fsanitize=${KESTRIN_SANITIZE} -fno-omit-frame-pointer
+                            -fno-sanitize-recover=all)
+        add_link_options(-fsanitize=${KESTRIN_SANITIZE})
+    endif()
+endmacro()
+
+# kestrin_add_test(NAME name SOURCES ... LIBS ... LABELS ...)
+function(kestrin_add_test)
+    cmake_parse_arguments(T "" "NAME" "SOURCES;LIBS;LABELS" ${ARGN})
+    add_executable(${T_NAME} ${T_SOURCES})
+    kestrin_warnings(${T_NAME})
+    target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main
+                          Threads::Threads)
+    if(NOT T_LABELS)
+        set(T_LABELS unit)
+    endif()
+    gtest_discover_tests(${T_NAME} PROPERTIES LABELS "${T_LABELS}" DISCOVERY_TIMEOUT 60)
+endfunction()
+
+# kestrin_add_fuzzer(NAME name SOURCES ... LIBS ...)
+function(kestrin_add_fuzzer)
+    cmake_parse_arguments(F "" "NAME" "SOURCES;LIBS" ${ARGN})
+    add_executable(${F_NAME} ${F_SOURCES})
+    target_compile_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
+    target_link_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
+    target_link_libraries(${F_NAME} PRIVATE ${F_LIBS})
+endfunction()

@@ -1,0 +1,7 @@
+#include "framework/FileService.h"
+
+namespace kestrin::file::v1 {
+
+FileService::~FileService() = default;
+
+} // namespace kestrin::file::v1

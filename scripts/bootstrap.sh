@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs every Debian package the build, the server and the tests need. Run as root on
+# Debian 12. Quick when everything is already there: apt-get runs only for what is missing.
+set -euo pipefail
+
+packages=(
+    cmake ninja-build g++ pkg-config
+    libboost-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
+    clang libclang-rt-14-dev
+    curl python3 procps time
+    chromium nodejs npm
+)
+
+missing=()
+for package in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$package")
+    fi
+done
+
+if ((${#missing[@]})); then
+    echo "bootstrap: installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The browser test drives Debian's chromium through playwright-core from the npm registry.
+root=$(cd "$(dirname "$0")/.." && pwd)
+if [[ -f "$root/tests/e2e/package.json" && ! -d "$root/tests/e2e/node_modules/playwright-core" ]]; then
+    echo "bootstrap: installing the browser test's npm packages"
+    (cd "$root/tests/e2e" && npm ci --no-audit --no-fund --loglevel=error)
+fi

@@ -1,0 +1,34 @@
+#include "framework/Ost.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <stdexcept>
+#include <string>
+#include <unistd.h>
+
+TEST(Ost, workingDirectoryAndNamesRoundTripThroughUtf16)
+{
+    char cwd[PATH_MAX];
+    ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
+    std::u16string path = ost::filesystem::get_current_path();
+    EXPECT_EQ(ost::i18n::to_string(path), cwd);
+
+    auto utf8 = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
+    // "Grüße-日本.txt" with a character outside the basic plane.
+    std::string name = "Gr\xC3\xBC\xC3\x9F" "e-\xE6\x97\xA5\xE6\x9C\xAC-\xF0\x9F\x98\x80.txt";
+    std::u16string wide = ost::i18n::to_ustring(name, utf8);
+    EXPECT_EQ(wide, u"Grüße-日本-\U0001F600.txt");
+    EXPECT_EQ(ost::i18n::to_string(wide), name);
+}
+
+TEST(Ost, invalidTextFailsInsteadOfProducingAGarbledName)
+{
+    auto strict = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
+    for (std::string bad : {std::string("\xFF"), std::string("a\xC3"), std::string("\xED\xA0\x80")}) {
+        SCOPED_TRACE(bad);
+        EXPECT_THROW(ost::i18n::to_ustring(bad, strict), std::runtime_error);
+    }
+    EXPECT_THROW(ost::i18n::to_string(std::u16string(1, char16_t(0xD800))), std::runtime_error);
+    EXPECT_THROW(ost::i18n::codecvt_string_to_ustring("ISO-8859-1", true), std::runtime_error);
+}
