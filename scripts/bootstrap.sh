@@ -9,8 +9,12 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     clang libclang-rt-14-dev
     curl python3 procps time
-    chromium nodejs npm
+    chromium
 )
+# Node may come with its own npm (a nodejs build that bundles it conflicts with Debian's npm
+# package): ask for Debian's only when the commands are missing.
+command -v node > /dev/null || packages+=(nodejs)
+command -v npm > /dev/null || packages+=(npm)
 
 missing=()
 for package in "${packages[@]}"; do

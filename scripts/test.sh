@@ -17,5 +17,20 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+stage "AddressSanitizer + UndefinedBehaviorSanitizer"
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKESTRIN_SANITIZE=address,undefined -DKESTRIN_BUILD_BENCH=OFF > /dev/null
+cmake --build build-asan -j "$jobs"
+ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1:halt_on_error=1:abort_on_error=1 \
+UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+    ctest --test-dir build-asan --output-on-failure -j "$jobs" -L 'unit|concurrency'
+
+stage "ThreadSanitizer (concurrency tests)"
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKESTRIN_SANITIZE=thread -DKESTRIN_BUILD_BENCH=OFF > /dev/null
+cmake --build build-tsan -j "$jobs"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest --test-dir build-tsan --output-on-failure -L concurrency --no-tests=error
+
 echo
 echo "all test stages passed"

@@ -6,7 +6,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 using kestrin::Future;
 using kestrin::makeExceptionalFuture;
@@ -91,43 +90,6 @@ TEST(Promise, droppedWhilePendingFailsTheFutureInsteadOfBlockingForever)
     }
     EXPECT_EQ(thrownText<std::runtime_error>([&] { future->get(); }),
               "Promise destroyed before it was resolved.");
-}
-
-TEST(SharedFutureState, blockedConsumerIsWokenByProducerOnAnotherThread)
-{
-    Promise<std::unique_ptr<std::string>> promise;
-    Future<std::unique_ptr<std::string>> future = promise.getFuture();
-    std::atomic<bool> waiting{false};
-    std::unique_ptr<std::string> received;
-    std::thread consumer([&] {
-        waiting = true;
-        received = future.get();
-    });
-    while (!waiting) {
-        std::this_thread::yield();
-    }
-    promise.setValue(std::make_unique<std::string>("from producer"));
-    consumer.join();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(*received, "from producer");
-
-    // An exception set on one thread is rethrown on another.
-    Promise<int> failing;
-    Future<int> failingFuture = failing.getFuture();
-    std::string text;
-    std::thread waiter([&] { text = thrownText<std::runtime_error>([&] { failingFuture.get(); }); });
-    failing.setException(std::make_exception_ptr(std::runtime_error("write failed")));
-    waiter.join();
-    EXPECT_EQ(text, "write failed");
-
-    // Cancelling wakes a waiter, which then reports the cancellation.
-    Promise<int> cancelled;
-    Future<int> cancelledFuture = cancelled.getFuture();
-    std::thread cancelWaiter(
-        [&] { text = thrownText<std::runtime_error>([&] { cancelledFuture.get(); }); });
-    cancelledFuture.cancel();
-    cancelWaiter.join();
-    EXPECT_EQ(text, "Future has been cancelled.");
 }
 
 TEST(SharedFutureState, continuationRunsOnceWhetherAttachedBeforeOrAfterValue)

@@ -1,0 +1,88 @@
+#include "common/Future.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+using kestrin::Future;
+using kestrin::Promise;
+
+namespace {
+
+template <typename Exception, typename Call>
+std::string thrownText(Call&& call)
+{
+    try {
+        call();
+    } catch (const Exception& error) {
+        return error.what();
+    }
+    return "<nothing thrown>";
+}
+
+} // namespace
+
+TEST(SharedFutureState, blockedConsumerIsWokenByProducerOnAnotherThread)
+{
+    Promise<std::unique_ptr<std::string>> promise;
+    Future<std::unique_ptr<std::string>> future = promise.getFuture();
+    std::atomic<bool> waiting{false};
+    std::unique_ptr<std::string> received;
+    std::thread consumer([&] {
+        waiting = true;
+        received = future.get();
+    });
+    while (!waiting) {
+        std::this_thread::yield();
+    }
+    promise.setValue(std::make_unique<std::string>("from producer"));
+    consumer.join();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(*received, "from producer");
+
+    // An exception set on one thread is rethrown on another.
+    Promise<int> failing;
+    Future<int> failingFuture = failing.getFuture();
+    std::string text;
+    std::thread waiter([&] { text = thrownText<std::runtime_error>([&] { failingFuture.get(); }); });
+    failing.setException(std::make_exception_ptr(std::runtime_error("write failed")));
+    waiter.join();
+    EXPECT_EQ(text, "write failed");
+
+    // Cancelling wakes a waiter, which then reports the cancellation.
+    Promise<int> cancelled;
+    Future<int> cancelledFuture = cancelled.getFuture();
+    std::thread cancelWaiter(
+        [&] { text = thrownText<std::runtime_error>([&] { cancelledFuture.get(); }); });
+    cancelledFuture.cancel();
+    cancelWaiter.join();
+    EXPECT_EQ(text, "Future has been cancelled.");
+}
+
+TEST(SharedFutureState, continuationAttachedWhileAnotherThreadResolvesRunsExactlyOnce)
+{
+    // Attach and resolve race on purpose: whichever comes second must run the continuation,
+    // and never both.
+    constexpr int rounds = 500;
+    std::vector<int> runs(rounds, 0);
+    std::vector<int> values(rounds, 0);
+    for (int round = 0; round < rounds; ++round) {
+        Promise<int> promise;
+        Future<int> future = promise.getFuture();
+        std::thread producer([&promise, round] { promise.setValue(round); });
+        future.then([&, round](Future<int>& resolved) {
+            runs[round]++;
+            values[round] = resolved.get();
+        });
+        producer.join();
+    }
+    for (int round = 0; round < rounds; ++round) {
+        ASSERT_EQ(runs[round], 1) << "round " << round;
+        ASSERT_EQ(values[round], round);
+    }
+}
