@@ -5,6 +5,14 @@ function(kestrin_warnings target)
 endfunction()
 
 macro(kestrin_apply_sanitizers)
+    if(KESTRIN_BUILD_FUZZ)
+        if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+            message(FATAL_ERROR "Fuzz targets need clang: -DCMAKE_CXX_COMPILER=clang++")
+        endif()
+        # Everything the targets link is instrumented for coverage and checked.
+        set(KESTRIN_SANITIZE "address,undefined")
+        add_compile_options(-fsanitize=fuzzer-no-link)
+    endif()
     if(KESTRIN_SANITIZE)
         add_compile_options(-fsanitize=${KESTRIN_SANITIZE} -fno-omit-frame-pointer
                             -fno-sanitize-recover=all)

@@ -32,5 +32,10 @@ cmake --build build-tsan -j "$jobs"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     ctest --test-dir build-tsan --output-on-failure -L concurrency --no-tests=error
 
+if compgen -G "fuzz/*Fuzz.cpp" > /dev/null; then
+    stage "fuzz targets (60 s each)"
+    "$root/scripts/fuzz.sh" 60
+fi
+
 echo
 echo "all test stages passed"

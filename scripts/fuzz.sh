@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Builds the fuzz targets with clang (libFuzzer, ASan, UBSan) and runs each one for the given
+# number of seconds (default 60), starting from its committed seeds. New inputs go to a
+# scratch corpus, so the committed one stays small; a crash leaves its input in
+# fuzz/findings/ and fails the run.
+#   ./scripts/fuzz.sh 600            every target for ten minutes
+#   ./scripts/fuzz.sh 600 PipelineFuzz   one target
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+seconds=${1:-60}
+only=${2:-}
+
+cmake -S "$root" -B "$root/build-fuzz" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_COMPILER=clang++ -DKESTRIN_BUILD_FUZZ=ON -DKESTRIN_BUILD_TESTS=OFF \
+    -DKESTRIN_BUILD_BENCH=OFF > /dev/null
+cmake --build "$root/build-fuzz" -j "$(nproc)"
+
+mkdir -p "$root/fuzz/findings"
+status=0
+for target in "$root"/build-fuzz/fuzz/*Fuzz; do
+    name=$(basename "$target")
+    [[ -n "$only" && "$name" != "$only" ]] && continue
+    scratch=$(mktemp -d)
+    seeds="$root/fuzz/corpus/$name"
+    echo "--- $name for ${seconds}s"
+    if ! ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1 \
+        UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+        "$target" "$scratch" ${seeds:+"$seeds"} -max_total_time="$seconds" -timeout=10 \
+        -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix="$root/fuzz/findings/$name-" \
+        > "$scratch.log" 2>&1; then
+        tail -60 "$scratch.log"
+        status=1
+    else
+        grep -E '^stat::number_of_executed_units|^stat::peak_rss_mb|cov: ' "$scratch.log" | tail -3
+    fi
+    rm -rf "$scratch" "$scratch.log"
+done
+exit $status
