@@ -253,20 +253,18 @@ void MultipartUploadServiceImpl::parseHeaders(DataBuffer& body,
     using Separator = boost::char_separator<char, DelimiterTraits>;
     using Tokens =
         boost::token_iterator_generator<Separator, std::string::const_iterator, std::string>::type;
-    const Separator lineSeparator("\r\n");
-    const Separator fieldSeparator(";");
-    const Tokens linesEnd =
-        boost::make_token_iterator<std::string>(block.end(), block.end(), lineSeparator);
+    static const Separator lineSeparator("\r\n");
+    static const Separator fieldSeparator(";");
+    // A default iterator equals every iterator that has run out of tokens.
+    const Tokens end;
     for (Tokens line =
              boost::make_token_iterator<std::string>(block.begin(), block.end(), lineSeparator);
-         line != linesEnd; ++line) {
+         line != end; ++line) {
         // The line iterator keeps its token until it moves on.
         const std::string& text = *line;
-        const Tokens fieldsEnd =
-            boost::make_token_iterator<std::string>(text.end(), text.end(), fieldSeparator);
         for (Tokens field =
                  boost::make_token_iterator<std::string>(text.begin(), text.end(), fieldSeparator);
-             field != fieldsEnd; ++field) {
+             field != end; ++field) {
             const std::string& part = *field;
             // The header's own name and type ("Content-Disposition: form-data") is no parameter.
             if (part.find("Content-Disposition") != std::string::npos) {
@@ -287,12 +285,21 @@ void MultipartUploadServiceImpl::parseHeaders(DataBuffer& body,
 }
 
 void MultipartUploadServiceImpl::trimLeadTrailWhiteSpaces(std::string& text) {
-    constexpr const char* blanks = " \r\n";
-    text.erase(0, text.find_first_not_of(blanks));
-    const size_t last = text.find_last_not_of(blanks);
-    if (last != std::string::npos) {
-        text.erase(last + 1);
+    const auto blank = [](char c) { return c == ' ' || c == '\r' || c == '\n'; };
+    size_t first = 0;
+    while (first < text.size() && blank(text[first])) {
+        ++first;
     }
+    if (first == text.size()) {
+        text.clear();
+        return;
+    }
+    size_t end = text.size();
+    while (blank(text[end - 1])) {
+        --end;
+    }
+    text.erase(end);
+    text.erase(0, first);
 }
 
 void MultipartUploadServiceImpl::trimDoubleQoutes(std::string& text) {

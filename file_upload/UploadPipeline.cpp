@@ -17,7 +17,10 @@ constexpr const char* noFileName = "Malformed multi-part request, no file name f
 
 std::u16string storagePath(const std::string& directory, const std::string& filename) {
     const auto fromUtf8 = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
-    return ost::i18n::to_ustring(directory + "/" + filename, fromUtf8);
+    std::string path;
+    path.reserve(directory.size() + 1 + filename.size());
+    path.append(directory).append("/").append(filename);
+    return ost::i18n::to_ustring(path, fromUtf8);
 }
 
 } // namespace
