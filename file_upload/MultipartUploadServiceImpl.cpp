@@ -145,6 +145,13 @@ BoundaryMatch findAnyMarker(const uint8_t* body, size_t last, size_t start, cons
 // one or two delimiters.
 struct DelimiterTraits : std::char_traits<char> {
     static const char* find(const char* text, size_t count, const char& wanted) {
+        // The header separators have one or two delimiters.
+        if (count == 1) {
+            return text[0] == wanted ? text : nullptr;
+        }
+        if (count == 2) {
+            return text[0] == wanted ? text : text[1] == wanted ? text + 1 : nullptr;
+        }
         for (size_t i = 0; i < count; ++i) {
             if (text[i] == wanted) {
                 return text + i;
