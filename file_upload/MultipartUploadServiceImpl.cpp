@@ -280,7 +280,7 @@ void MultipartUploadServiceImpl::parseHeaders(DataBuffer& body,
             const size_t equals = part.find('=');
             std::string key = part.substr(0, equals);
             // Without "=", equals + 1 wraps to 0 and the value is the field minus its last
-            // character; clients rely on nothing else, so the rule stays as it always was.
+            // character: odd, but it is how such fields have always been read.
             std::string value = part.substr(equals + 1, part.size() - 1);
             trimLeadTrailWhiteSpaces(key);
             trimDoubleQoutes(key);
