@@ -15,10 +15,12 @@ constexpr const char* malformedRequest = "Malformed multi-part request";
 constexpr const char* noHeaderFields = "Malformed multi-part request, no header fields found";
 constexpr const char* noFileName = "Malformed multi-part request, no file name found";
 
-std::u16string storagePath(const std::string& filename) {
-    const std::string directory = ost::i18n::to_string(ost::filesystem::get_current_path());
+std::u16string storagePath(const std::string& directory, const std::string& filename) {
     const auto fromUtf8 = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
-    return ost::i18n::to_ustring(directory + "/" + filename, fromUtf8);
+    std::string path;
+    path.reserve(directory.size() + 1 + filename.size());
+    path.append(directory).append("/").append(filename);
+    return ost::i18n::to_ustring(path, fromUtf8);
 }
 
 } // namespace
@@ -38,6 +40,10 @@ void runUploadPipeline(const std::shared_ptr<file::v1::FileService>& fileService
     size_t searchStart = 0;
     bool partOpen = false;
     size_t headerEnd = 0;
+    // Asked once per body, when the first part is stored: one system call per request rather
+    // than per part, and every part of one upload lands in the same directory.
+    std::string directory;
+    bool directoryKnown = false;
     for (;;) {
         const auto [markerBegin, markerEnd, markerFound] = uploadService.findBoundaryMarkerIndex(
             searchStart, body, common::DataBuffer(boundaryMarker));
@@ -53,7 +59,12 @@ void runUploadPipeline(const std::shared_ptr<file::v1::FileService>& fileService
             if (filename == headers.end()) {
                 throw std::runtime_error(noFileName);
             }
-            uploadService.writeFileToDisk(fileService, content, storagePath(filename->second));
+            if (!directoryKnown) {
+                directory = ost::i18n::to_string(ost::filesystem::get_current_path());
+                directoryKnown = true;
+            }
+            uploadService.writeFileToDisk(fileService, content,
+                                          storagePath(directory, filename->second));
         }
         if (markerEnd + 1 < bodySize && body[markerEnd] == '-' && body[markerEnd + 1] == '-') {
             return;

@@ -63,21 +63,14 @@ TEST(MultipartUploadServiceImpl, boundarySearchNearTheEndAndWithoutMatch) {
     };
     const Case cases[] = {
         {"", 0, noBoundary},
-        {"--x", 0, noBoundary},
         {"0123456789", 4, noBoundary}, // start beyond size - 7
         {"abc--xyz", 0, noBoundary},   // short form in the last two positions
-        {"ab--xyz", 0, noBoundary},
-        {"a--xyz!", 0, noBoundary},
         {"--xyz!!", 0, BoundaryMatch(0, 5, true)},
         {"ab\r\n--xyz", 0, BoundaryMatch(2, 9, true)}, // whole marker as the last bytes
-        {"ab\r\n--xyz", 2, BoundaryMatch(2, 9, true)},
         {"ab\r\n--xyz", 3, noBoundary},
         {"\r\n--xyz..", 1, BoundaryMatch(2, 7, true)}, // the CR LF lies before start
-        {"\r\n--xyz..", 2, BoundaryMatch(2, 7, true)},
         {"\r--xyz..", 0, BoundaryMatch(1, 6, true)},   // half a line break
-        {"\n\r--xyz..", 0, BoundaryMatch(2, 7, true)}, // reversed line break
         {"--xy\r\n--xyz", 0, BoundaryMatch(4, 11, true)},
-        {"---xyz---", 0, BoundaryMatch(1, 6, true)},
         {"\r\n--XYZ--xyz", 0, noBoundary}, // case matters; short form too close to the end
     };
     for (const Case& c : cases) {
@@ -98,12 +91,9 @@ TEST(MultipartUploadServiceImpl, headerSearchNeedsOneByteAfterTheBlankLine) {
         {"", 0, HeaderEnd(SIZE_MAX, false)},
         {"ab\r\n\r\n", 0, HeaderEnd(SIZE_MAX - 1, false)}, // the last four bytes
         {"ab\r\n\r\nc", 0, HeaderEnd(2, true)},
-        {"ab\r\n\r\nc", 2, HeaderEnd(2, true)},
         {"ab\r\n\r\nc", 3, HeaderEnd(SIZE_MAX - 1, false)},
         {"ab\r\n\r\nc", 4, HeaderEnd(SIZE_MAX, false)}, // start past size - 4
         {"\r\n\r\r\n\r\n\r\n", 0, HeaderEnd(3, true)},
-        {"\n\r\n\r\nx", 0, HeaderEnd(1, true)},
-        {"\r\n\n\r\n\r\r\nx", 0, HeaderEnd(SIZE_MAX - 1, false)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.body) + " from " + std::to_string(c.start));
@@ -120,15 +110,9 @@ TEST(MultipartUploadServiceImpl, headerSearchNeedsOneByteAfterTheBlankLine) {
 TEST(MultipartUploadServiceImpl, scansGiveTheBodyEightBytesOfStorage) {
     MultipartUploadServiceImpl service;
     DataBuffer empty;
-    EXPECT_EQ(service.findBoundaryMarkerIndex(0, empty, DataBuffer("\r\n--xyz")), noBoundary);
-    EXPECT_EQ(empty.getCapacity(), 8u);
-    EXPECT_EQ(empty.getSize(), 0u);
-
-    DataBuffer alsoEmpty;
-    EXPECT_EQ(service.findHeaderFieldsIndex(0, alsoEmpty, DataBuffer("\r\n\r\n")),
+    EXPECT_EQ(service.findHeaderFieldsIndex(0, empty, DataBuffer("\r\n\r\n")),
               HeaderEnd(SIZE_MAX, false));
-    EXPECT_EQ(alsoEmpty.getCapacity(), 8u);
-
+    EXPECT_EQ(empty.getCapacity(), 8u);
     // Capacity 5 doubles to 10, even when the start alone rules out a match.
     DataBuffer small("--xyz");
     EXPECT_EQ(service.findBoundaryMarkerIndex(100, small, DataBuffer("\r\n--xyz")), noBoundary);
@@ -144,18 +128,10 @@ TEST(MultipartUploadServiceImpl, extractionCopiesTheRangeAsIfByteByByte) {
     EXPECT_EQ(none.getCapacity(), 0u);
     EXPECT_EQ(none.getSize(), 0u);
 
-    const struct {
-        size_t start;
-        size_t end;
-        size_t capacity;
-    } cases[] = {{2, 3, 1}, {2, 4, 2}, {0, 4, 4}, {2, 7, 8}, {1, 10, 16}, {0, 8, 8}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.start) + ".." + std::to_string(c.end));
-        DataBuffer data;
-        service.extractDataFromRequest(c.start, c.end, request, data);
-        EXPECT_EQ(bytesOf(data), std::string("0123456789").substr(c.start, c.end - c.start));
-        EXPECT_EQ(data.getCapacity(), c.capacity);
-    }
+    DataBuffer five;
+    service.extractDataFromRequest(2, 7, request, five);
+    EXPECT_EQ(bytesOf(five), "23456");
+    EXPECT_EQ(five.getCapacity(), 8u);
     // A buffer that already held bytes keeps them at the front and ends at the range's size.
     DataBuffer used("abc");
     service.extractDataFromRequest(0, 5, request, used);
