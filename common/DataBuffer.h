@@ -16,36 +16,34 @@ namespace kestrin::common {
 class DataBuffer {
 public:
     DataBuffer() noexcept = default;
-    explicit DataBuffer(const char* text) { append(reinterpret_cast<const uint8_t*>(text), std::strlen(text)); }
+    explicit DataBuffer(const char* text) {
+        append(reinterpret_cast<const uint8_t*>(text), std::strlen(text));
+    }
     explicit DataBuffer(const std::string& text) { append(text); }
     DataBuffer(const DataBuffer& other) { append(other); }
     DataBuffer(DataBuffer&& other) noexcept
         : data(other.data)
         , capacity(other.capacity)
-        , size(other.size)
-    {
+        , size(other.size) {
         other.data = nullptr;
         other.capacity = 0;
         other.size = 0;
     }
-    DataBuffer& operator=(const DataBuffer& other)
-    {
+    DataBuffer& operator=(const DataBuffer& other) {
         if (this != &other) {
             DataBuffer copy(other);
             swap(copy);
         }
         return *this;
     }
-    DataBuffer& operator=(DataBuffer&& other) noexcept
-    {
+    DataBuffer& operator=(DataBuffer&& other) noexcept {
         DataBuffer taken(std::move(other));
         swap(taken);
         return *this;
     }
     ~DataBuffer() { std::free(data); }
 
-    void swap(DataBuffer& other) noexcept
-    {
+    void swap(DataBuffer& other) noexcept {
         std::swap(data, other.data);
         std::swap(capacity, other.capacity);
         std::swap(size, other.size);
@@ -53,8 +51,7 @@ public:
 
     // Makes room for exactly n bytes; the only operation that allocates. On failure the buffer
     // is left as it was.
-    void reserve(size_t n)
-    {
+    void reserve(size_t n) {
         uint8_t* block = nullptr;
         if (n > capacity) {
             block = static_cast<uint8_t*>(data ? std::realloc(data, n) : std::malloc(n));
@@ -71,15 +68,13 @@ public:
     }
 
     // Growth is never by less than the current capacity, so appends cost amortised O(1) a byte.
-    void ensureCapacity(size_t n)
-    {
+    void ensureCapacity(size_t n) {
         if (n > capacity || data == nullptr) {
             reserve(std::max(2 * capacity, n));
         }
     }
 
-    void append(const uint8_t* bytes, size_t count)
-    {
+    void append(const uint8_t* bytes, size_t count) {
         if (count == 0) {
             return;
         }
@@ -87,19 +82,19 @@ public:
         std::memcpy(data + size, bytes, count);
         size += count;
     }
-    void append(const std::string& text) { append(reinterpret_cast<const uint8_t*>(text.data()), text.size()); }
+    void append(const std::string& text) {
+        append(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    }
     void append(const DataBuffer& other) { append(other.data, other.size); }
 
-    void pushBack(uint8_t byte)
-    {
+    void pushBack(uint8_t byte) {
         ensureCapacity(size + 1);
         data[size] = byte;
         ++size;
     }
 
     // Bytes between the old and the new size are left uninitialised.
-    void resize(size_t n)
-    {
+    void resize(size_t n) {
         if (n > capacity) {
             reserve(std::max(2 * capacity, n));
         }
@@ -107,8 +102,7 @@ public:
     }
 
     // Never returns null: a buffer with less than 8 bytes of storage is grown first.
-    uint8_t* getData()
-    {
+    uint8_t* getData() {
         if (capacity < 8 || data == nullptr) {
             reserve(std::max(2 * capacity, size_t{8}));
         }

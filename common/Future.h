@@ -11,8 +11,7 @@ namespace kestrin {
 
 // A callback attached to a future; owned by the state and run once by the thread that
 // resolves it, outside the state's lock.
-template <typename T>
-class FutureContinuation {
+template <typename T> class FutureContinuation {
 public:
     virtual ~FutureContinuation() = default;
     // future is on the resolved state; get() on it succeeds once.
@@ -20,24 +19,18 @@ public:
 };
 
 // The consumer's handle on a shared state. Moved, never copied; get() or then(), not both.
-template <typename T>
-class Future {
+template <typename T> class Future {
 public:
     explicit Future(std::shared_ptr<detail::SharedFutureState<T>>&& sharedState) noexcept
         : state(std::move(sharedState))
-        , valid(state != nullptr)
-    {
-    }
+        , valid(state != nullptr) {}
     Future(Future&& other) noexcept
         : state(std::move(other.state))
-        , valid(other.valid.exchange(false))
-    {
-    }
+        , valid(other.valid.exchange(false)) {}
     Future(const Future&) = delete;
     Future& operator=(const Future&) = delete;
     Future& operator=(Future&&) = delete;
-    ~Future()
-    {
+    ~Future() {
         valid.store(false);
         state.reset();
     }
@@ -45,8 +38,7 @@ public:
     bool isValid() const noexcept { return valid.load(); }
 
     // Blocks until the state is resolved; returns the value or throws the stored exception.
-    T get()
-    {
+    T get() {
         if (!valid.load()) {
             throw std::runtime_error("Future state isn't valid!");
         }
@@ -57,12 +49,10 @@ public:
 
     // Runs callback(Future<T>&) once the state is resolved: on the resolving thread, or here
     // when it already is.
-    template <typename Callback>
-    void then(Callback&& callback);
+    template <typename Callback> void then(Callback&& callback);
 
     // Framework side: stop waiting for a pending result.
-    void cancel()
-    {
+    void cancel() {
         if (state) {
             state->cancel();
         }
@@ -75,13 +65,10 @@ private:
 
 // The producer's handle. Move-only. A promise dropped while its state is still pending
 // fails the state, so that no consumer waits forever for a producer that is gone.
-template <typename T>
-class Promise {
+template <typename T> class Promise {
 public:
     Promise()
-        : state(std::make_shared<detail::SharedFutureState<T>>())
-    {
-    }
+        : state(std::make_shared<detail::SharedFutureState<T>>()) {}
     Promise(Promise&&) noexcept = default;
     Promise& operator=(Promise&&) noexcept = default;
     Promise(const Promise&) = delete;
@@ -90,23 +77,21 @@ public:
 
     void setValue(T value) { state->setValue(std::move(value)); }
     void setException(std::exception_ptr error) { state->setException(std::move(error)); }
-    Future<T> getFuture() { return Future<T>(std::shared_ptr<detail::SharedFutureState<T>>(state)); }
+    Future<T> getFuture() {
+        return Future<T>(std::shared_ptr<detail::SharedFutureState<T>>(state));
+    }
 
 private:
     std::shared_ptr<detail::SharedFutureState<T>> state;
 };
 
-template <typename T>
-Future<T> makeReadyFuture(T value)
-{
+template <typename T> Future<T> makeReadyFuture(T value) {
     auto state = std::make_shared<detail::SharedFutureState<T>>();
     state->setValue(std::move(value));
     return Future<T>(std::move(state));
 }
 
-template <typename T>
-Future<T> makeExceptionalFuture(std::exception_ptr error)
-{
+template <typename T> Future<T> makeExceptionalFuture(std::exception_ptr error) {
     auto state = std::make_shared<detail::SharedFutureState<T>>();
     state->setException(std::move(error));
     return Future<T>(std::move(state));
@@ -114,15 +99,10 @@ Future<T> makeExceptionalFuture(std::exception_ptr error)
 
 // ----------------------------------------------------------------------------------------
 
-template <typename T>
-template <typename Callback>
-void Future<T>::then(Callback&& callback)
-{
+template <typename T> template <typename Callback> void Future<T>::then(Callback&& callback) {
     struct Adapter final : FutureContinuation<T> {
         explicit Adapter(Callback&& c)
-            : call(std::forward<Callback>(c))
-        {
-        }
+            : call(std::forward<Callback>(c)) {}
         void invoke(Future<T>& future) override { call(future); }
         std::decay_t<Callback> call;
     };
@@ -132,9 +112,7 @@ void Future<T>::then(Callback&& callback)
     state->attach(std::make_unique<Adapter>(std::forward<Callback>(callback)));
 }
 
-template <typename T>
-Promise<T>::~Promise()
-{
+template <typename T> Promise<T>::~Promise() {
     if (!state || state.use_count() == 1) {
         return;
     }

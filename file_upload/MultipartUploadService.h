@@ -36,7 +36,8 @@ public:
     // Index of the first CR of the first "\r\n\r\n" at or after start that is followed by at
     // least one byte: (index, true), or (SIZE_MAX or SIZE_MAX - 1, false).
     [[nodiscard]] virtual std::tuple<size_t, bool>
-    findHeaderFieldsIndex(size_t start, common::DataBuffer& body, common::DataBuffer terminator) = 0;
+    findHeaderFieldsIndex(size_t start, common::DataBuffer& body,
+                          common::DataBuffer terminator) = 0;
 
     // Appends request[start, end) to data, which the caller passes empty.
     virtual void extractDataFromRequest(size_t start, size_t end, common::DataBuffer& request,

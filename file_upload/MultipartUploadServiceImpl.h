@@ -11,8 +11,8 @@ namespace kestrin::file_upload::v1 {
 // headers, cuts out a part's bytes and stores them. No state of its own; one instance,
 // created with std::make_shared, serves every request on every thread.
 class KESTRIN_EXPORT MultipartUploadServiceImpl
-    : public MultipartUploadService
-    , public std::enable_shared_from_this<MultipartUploadService> {
+    : public MultipartUploadService,
+      public std::enable_shared_from_this<MultipartUploadService> {
 public:
     MultipartUploadServiceImpl();
     ~MultipartUploadServiceImpl() override;

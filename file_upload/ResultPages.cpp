@@ -21,8 +21,7 @@ const std::string missingBoundaryPage =
 
 namespace {
 
-void appendEscaped(std::string& out, std::string_view message)
-{
+void appendEscaped(std::string& out, std::string_view message) {
     static constexpr char hex[] = "0123456789ABCDEF";
     for (size_t i = 0; i < message.size(); ++i) {
         auto byte = static_cast<unsigned char>(message[i]);
@@ -63,8 +62,7 @@ void appendEscaped(std::string& out, std::string_view message)
 
 } // namespace
 
-std::string makeResultPage(std::string_view message)
-{
+std::string makeResultPage(std::string_view message) {
     std::string page;
     page.reserve(resultPagePrefix.size() + message.size() + resultPageSuffix.size());
     page += resultPagePrefix;

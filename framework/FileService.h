@@ -13,9 +13,7 @@ namespace kestrin::file_common::v1 {
 // The metadata of a stored file.
 struct FileInfo {
     explicit FileInfo(const std::u16string& filePath)
-        : path(filePath)
-    {
-    }
+        : path(filePath) {}
 
     std::u16string path;
     bool flag = false;
@@ -26,9 +24,7 @@ struct FileInfo {
 struct File {
     File(FileInfo&& fileInfo, common::DataBuffer&& fileContent) noexcept
         : info(std::move(fileInfo))
-        , content(std::move(fileContent))
-    {
-    }
+        , content(std::move(fileContent)) {}
 
     FileInfo info;
     common::DataBuffer content;

@@ -18,9 +18,7 @@ public:
 
     HttpRequest(std::shared_ptr<Body> body, Parameters parameters)
         : body(std::move(body))
-        , parameters(std::move(parameters))
-    {
-    }
+        , parameters(std::move(parameters)) {}
 
     std::shared_ptr<Body> getBody() const { return body; }
     const Parameters& getParameters() const noexcept { return parameters; }

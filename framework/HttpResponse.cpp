@@ -12,8 +12,7 @@ namespace {
 // Takes every item of a body stream in, on the thread that delivers it.
 class BodyCollector final : public reactive_streams::SubscriberAPI<common::DataBuffer> {
 public:
-    void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override
-    {
+    void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
         if (auto locked = subscription.lock()) {
             locked->request(UINT64_MAX);
         }
@@ -32,20 +31,15 @@ public:
 
 HttpResponse::HttpResponse(unsigned short statusCode, std::string bodyText)
     : status(statusCode)
-    , text(std::move(bodyText))
-{
-}
+    , text(std::move(bodyText)) {}
 
 HttpResponse::HttpResponse(unsigned short statusCode, std::shared_ptr<Body> bodyStream)
     : status(statusCode)
-    , body(std::move(bodyStream))
-{
-}
+    , body(std::move(bodyStream)) {}
 
 HttpResponse::~HttpResponse() = default;
 
-common::DataBuffer HttpResponse::takeBodyBytes()
-{
+common::DataBuffer HttpResponse::takeBodyBytes() {
     if (!body) {
         return common::DataBuffer(text);
     }
@@ -61,8 +55,7 @@ common::DataBuffer HttpResponse::takeBodyBytes()
 }
 
 Future<std::unique_ptr<Message>> makeReadyHttpResponse(unsigned short status,
-                                                       const std::string& text)
-{
+                                                       const std::string& text) {
     return makeReadyFuture<std::unique_ptr<Message>>(std::make_unique<HttpResponse>(status, text));
 }
 

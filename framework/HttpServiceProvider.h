@@ -36,8 +36,7 @@ public:
 // Creates a provider the way the framework does: one allocation, weak self reference filled.
 // The provider is not running until the caller sets running.
 template <typename Provider, typename... Args>
-std::shared_ptr<Provider> makeServiceProvider(Args&&... args)
-{
+std::shared_ptr<Provider> makeServiceProvider(Args&&... args) {
     auto provider = std::make_shared<Provider>(std::forward<Args>(args)...);
     provider->weakSelf = provider;
     return provider;

@@ -19,9 +19,7 @@ class Address {
 public:
     Address() = default;
     explicit Address(std::string serviceName)
-        : name(std::move(serviceName))
-    {
-    }
+        : name(std::move(serviceName)) {}
     const std::string& getName() const noexcept { return name; }
     bool operator==(const Address& other) const { return name == other.name; }
     bool operator!=(const Address& other) const { return name != other.name; }

@@ -11,8 +11,7 @@
 
 namespace ost::filesystem {
 
-std::u16string get_current_path()
-{
+std::u16string get_current_path() {
     std::unique_ptr<char, decltype(&std::free)> cwd(::getcwd(nullptr, 0), &std::free);
     if (!cwd) {
         throw std::runtime_error(std::string("Cannot read the working directory: ") +
@@ -27,16 +26,14 @@ namespace ost::i18n {
 
 namespace conv = boost::locale::conv;
 
-converter<char16_t, char> codecvt_string_to_ustring(const std::string& encoding, bool strict)
-{
+converter<char16_t, char> codecvt_string_to_ustring(const std::string& encoding, bool strict) {
     if (encoding != "UTF-8" && encoding != "utf-8") {
         throw std::runtime_error("Unsupported text encoding: " + encoding);
     }
     return converter<char16_t, char>(encoding, strict);
 }
 
-std::u16string to_ustring(const std::string& text, const converter<char16_t, char>& with)
-{
+std::u16string to_ustring(const std::string& text, const converter<char16_t, char>& with) {
     try {
         return conv::utf_to_utf<char16_t>(text, with.isStrict() ? conv::stop : conv::skip);
     } catch (const conv::conversion_error&) {
@@ -44,8 +41,7 @@ std::u16string to_ustring(const std::string& text, const converter<char16_t, cha
     }
 }
 
-std::string to_string(const std::u16string& text)
-{
+std::string to_string(const std::u16string& text) {
     try {
         return conv::utf_to_utf<char>(text, conv::stop);
     } catch (const conv::conversion_error&) {

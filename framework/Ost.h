@@ -14,14 +14,11 @@ std::u16string get_current_path();
 namespace ost::i18n {
 
 // Describes a conversion from From-text in a named encoding to To-text.
-template <typename To, typename From>
-class converter {
+template <typename To, typename From> class converter {
 public:
     converter(std::string encodingName, bool strictMode)
         : encoding(std::move(encodingName))
-        , strict(strictMode)
-    {
-    }
+        , strict(strictMode) {}
     const std::string& getEncoding() const noexcept { return encoding; }
     // Strict: invalid input throws. Otherwise invalid sequences are skipped.
     bool isStrict() const noexcept { return strict; }

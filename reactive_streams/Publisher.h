@@ -6,8 +6,7 @@
 
 namespace kestrin::reactive_streams {
 
-template <typename T>
-class SubscriberAPI;
+template <typename T> class SubscriberAPI;
 
 // Root of every publisher; the framework owns its constructor and destructor.
 class Publisher {
@@ -21,8 +20,7 @@ public:
 // A stream of T. subscribe() answers with onSubscribe; items flow only on demand, and
 // signals to one subscriber never overlap. Signals may come synchronously from inside
 // subscribe() or Subscription::request().
-template <typename T>
-class PublisherAPI : public Publisher {
+template <typename T> class PublisherAPI : public Publisher {
 public:
     virtual Future<bool> getStatus() = 0;
     virtual void subscribe(std::shared_ptr<SubscriberAPI<T>> subscriber) = 0;

@@ -19,8 +19,7 @@ public:
 
 // Receives a stream of T: onSubscribe first, then onNext for each item asked for, then one
 // of onComplete or onError.
-template <typename T>
-class SubscriberAPI : public Subscriber {
+template <typename T> class SubscriberAPI : public Subscriber {
 public:
     virtual void onSubscribe(std::weak_ptr<Subscription> subscription) = 0;
     virtual void onComplete() = 0;

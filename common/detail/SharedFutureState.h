@@ -10,10 +10,8 @@
 
 namespace kestrin {
 
-template <typename T>
-class Future;
-template <typename T>
-class FutureContinuation;
+template <typename T> class Future;
+template <typename T> class FutureContinuation;
 
 enum class FutureStatus : int32_t {
     Pending = 0,
@@ -70,8 +68,7 @@ public:
     void notifyResolved(std::unique_lock<std::mutex>& lock);
 
 private:
-    template <typename Store>
-    void resolve(FutureStatus to, Store&& store);
+    template <typename Store> void resolve(FutureStatus to, Store&& store);
     void releaseResult() noexcept;
 
     std::mutex mutex;
@@ -89,8 +86,7 @@ private:
 // ----------------------------------------------------------------------------------------
 
 // A producer that stored an exception_ptr inside an exception_ptr meant the inner one.
-[[noreturn]] inline void rethrowUnwrapped(std::exception_ptr error)
-{
+[[noreturn]] inline void rethrowUnwrapped(std::exception_ptr error) {
     try {
         std::rethrow_exception(std::move(error));
     } catch (const std::exception_ptr& inner) {
@@ -98,9 +94,7 @@ private:
     }
 }
 
-template <typename T>
-SharedFutureState<T>::~SharedFutureState()
-{
+template <typename T> SharedFutureState<T>::~SharedFutureState() {
     {
         std::lock_guard<std::mutex> guard(mutex);
         releaseResult();
@@ -109,9 +103,7 @@ SharedFutureState<T>::~SharedFutureState()
     delete continuation;
 }
 
-template <typename T>
-void SharedFutureState<T>::releaseResult() noexcept
-{
+template <typename T> void SharedFutureState<T>::releaseResult() noexcept {
     if (status == FutureStatus::HasValue) {
         delete result.value;
     } else if (status == FutureStatus::HasException) {
@@ -122,8 +114,7 @@ void SharedFutureState<T>::releaseResult() noexcept
 
 template <typename T>
 template <typename Store>
-void SharedFutureState<T>::resolve(FutureStatus to, Store&& store)
-{
+void SharedFutureState<T>::resolve(FutureStatus to, Store&& store) {
     std::unique_lock<std::mutex> lock(mutex);
     if (status == FutureStatus::Cancelled) {
         return;
@@ -137,22 +128,17 @@ void SharedFutureState<T>::resolve(FutureStatus to, Store&& store)
     notifyResolved(lock);
 }
 
-template <typename T>
-void SharedFutureState<T>::setValue(T value)
-{
+template <typename T> void SharedFutureState<T>::setValue(T value) {
     resolve(FutureStatus::HasValue, [&] { result.value = new T(std::move(value)); });
 }
 
-template <typename T>
-void SharedFutureState<T>::setException(std::exception_ptr error)
-{
+template <typename T> void SharedFutureState<T>::setException(std::exception_ptr error) {
     resolve(FutureStatus::HasException,
             [&] { result.error = new std::exception_ptr(std::move(error)); });
 }
 
 template <typename T>
-void SharedFutureState<T>::notifyResolved(std::unique_lock<std::mutex>& lock)
-{
+void SharedFutureState<T>::notifyResolved(std::unique_lock<std::mutex>& lock) {
     bool resolved = status == FutureStatus::HasValue || status == FutureStatus::HasException;
     if (continuation == nullptr || !resolved) {
         lock.unlock();
@@ -173,9 +159,7 @@ void SharedFutureState<T>::notifyResolved(std::unique_lock<std::mutex>& lock)
     condition.notify_all();
 }
 
-template <typename T>
-T SharedFutureState<T>::get()
-{
+template <typename T> T SharedFutureState<T>::get() {
     std::unique_lock<std::mutex> lock(mutex);
     if (valueRetrieved || continuation != nullptr) {
         throw std::runtime_error(
@@ -201,8 +185,7 @@ T SharedFutureState<T>::get()
 }
 
 template <typename T>
-void SharedFutureState<T>::attach(std::unique_ptr<FutureContinuation<T>> callback)
-{
+void SharedFutureState<T>::attach(std::unique_ptr<FutureContinuation<T>> callback) {
     std::unique_lock<std::mutex> lock(mutex);
     if (valueRetrieved || continuation != nullptr) {
         throw std::runtime_error(
@@ -213,9 +196,7 @@ void SharedFutureState<T>::attach(std::unique_ptr<FutureContinuation<T>> callbac
     notifyResolved(lock);
 }
 
-template <typename T>
-void SharedFutureState<T>::abandon()
-{
+template <typename T> void SharedFutureState<T>::abandon() {
     std::unique_lock<std::mutex> lock(mutex);
     if (status != FutureStatus::Pending) {
         return;
@@ -226,9 +207,7 @@ void SharedFutureState<T>::abandon()
     notifyResolved(lock);
 }
 
-template <typename T>
-void SharedFutureState<T>::cancel()
-{
+template <typename T> void SharedFutureState<T>::cancel() {
     std::unique_lock<std::mutex> lock(mutex);
     if (status != FutureStatus::Pending) {
         return;

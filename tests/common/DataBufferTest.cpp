@@ -9,15 +9,13 @@ using kestrin::common::DataBuffer;
 
 namespace {
 
-std::string text(const DataBuffer& buffer)
-{
+std::string text(const DataBuffer& buffer) {
     return std::string(reinterpret_cast<const char*>(buffer.bytes()), buffer.getSize());
 }
 
 } // namespace
 
-TEST(DataBuffer, buffersWithoutBytesHaveNoStorage)
-{
+TEST(DataBuffer, buffersWithoutBytesHaveNoStorage) {
     DataBuffer empty;
     EXPECT_EQ(empty.getSize(), 0u);
     EXPECT_EQ(empty.getCapacity(), 0u);
@@ -31,8 +29,7 @@ TEST(DataBuffer, buffersWithoutBytesHaveNoStorage)
     EXPECT_EQ(copy.bytes(), nullptr);
 }
 
-TEST(DataBuffer, getDataGuaranteesEightBytesAndKeepsContents)
-{
+TEST(DataBuffer, getDataGuaranteesEightBytesAndKeepsContents) {
     DataBuffer empty;
     EXPECT_NE(empty.getData(), nullptr);
     EXPECT_EQ(empty.getCapacity(), 8u);
@@ -54,8 +51,7 @@ TEST(DataBuffer, getDataGuaranteesEightBytesAndKeepsContents)
     EXPECT_EQ(nine.getData(), before);
 }
 
-TEST(DataBuffer, growthDoublesWithTheRequestAsFloor)
-{
+TEST(DataBuffer, growthDoublesWithTheRequestAsFloor) {
     DataBuffer pushed;
     const size_t expected[] = {1, 2, 4, 4, 8, 8, 8, 8, 16};
     for (size_t i = 0; i < sizeof expected / sizeof expected[0]; ++i) {
@@ -91,8 +87,7 @@ TEST(DataBuffer, growthDoublesWithTheRequestAsFloor)
     EXPECT_EQ(large.getCapacity(), 104u);
 }
 
-TEST(DataBuffer, copiesAreTightAndMovesLeaveAnEmptyReusableBuffer)
-{
+TEST(DataBuffer, copiesAreTightAndMovesLeaveAnEmptyReusableBuffer) {
     DataBuffer source;
     source.reserve(64);
     source.append(std::string("0123456789"));
@@ -117,8 +112,7 @@ TEST(DataBuffer, copiesAreTightAndMovesLeaveAnEmptyReusableBuffer)
     EXPECT_EQ(binary.getSize(), 3u);
 }
 
-TEST(DataBuffer, failedAllocationThrowsAndLeavesTheBufferIntact)
-{
+TEST(DataBuffer, failedAllocationThrowsAndLeavesTheBufferIntact) {
     // Opaque to the optimiser, so the request is really made at run time.
     volatile size_t tooMuch = SIZE_MAX;
     DataBuffer buffer("keep me");

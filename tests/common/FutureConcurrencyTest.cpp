@@ -14,9 +14,7 @@ using kestrin::Promise;
 
 namespace {
 
-template <typename Exception, typename Call>
-std::string thrownText(Call&& call)
-{
+template <typename Exception, typename Call> std::string thrownText(Call&& call) {
     try {
         call();
     } catch (const Exception& error) {
@@ -27,8 +25,7 @@ std::string thrownText(Call&& call)
 
 } // namespace
 
-TEST(SharedFutureState, blockedConsumerIsWokenByProducerOnAnotherThread)
-{
+TEST(SharedFutureState, blockedConsumerIsWokenByProducerOnAnotherThread) {
     Promise<std::unique_ptr<std::string>> promise;
     Future<std::unique_ptr<std::string>> future = promise.getFuture();
     std::atomic<bool> waiting{false};
@@ -49,7 +46,8 @@ TEST(SharedFutureState, blockedConsumerIsWokenByProducerOnAnotherThread)
     Promise<int> failing;
     Future<int> failingFuture = failing.getFuture();
     std::string text;
-    std::thread waiter([&] { text = thrownText<std::runtime_error>([&] { failingFuture.get(); }); });
+    std::thread waiter(
+        [&] { text = thrownText<std::runtime_error>([&] { failingFuture.get(); }); });
     failing.setException(std::make_exception_ptr(std::runtime_error("write failed")));
     waiter.join();
     EXPECT_EQ(text, "write failed");
@@ -64,8 +62,7 @@ TEST(SharedFutureState, blockedConsumerIsWokenByProducerOnAnotherThread)
     EXPECT_EQ(text, "Future has been cancelled.");
 }
 
-TEST(SharedFutureState, continuationAttachedWhileAnotherThreadResolvesRunsExactlyOnce)
-{
+TEST(SharedFutureState, continuationAttachedWhileAnotherThreadResolvesRunsExactlyOnce) {
     // Attach and resolve race on purpose: whichever comes second must run the continuation,
     // and never both.
     constexpr int rounds = 500;

@@ -15,9 +15,7 @@ using kestrin::detail::SharedFutureState;
 
 namespace {
 
-template <typename Exception, typename Call>
-std::string thrownText(Call&& call)
-{
+template <typename Exception, typename Call> std::string thrownText(Call&& call) {
     try {
         call();
     } catch (const Exception& error) {
@@ -31,8 +29,7 @@ const char* const alreadyRetrieved =
 
 } // namespace
 
-TEST(Future, readyFutureYieldsItsValueOnceAndOnlyOnce)
-{
+TEST(Future, readyFutureYieldsItsValueOnceAndOnlyOnce) {
     Future<bool> ready = makeReadyFuture(true);
     EXPECT_TRUE(ready.isValid());
     EXPECT_TRUE(ready.get());
@@ -47,10 +44,9 @@ TEST(Future, readyFutureYieldsItsValueOnceAndOnlyOnce)
               "Future state isn't valid!");
 }
 
-TEST(Future, exceptionalFutureRethrowsTheStoredExceptionUnwrappingANestedPointer)
-{
-    auto failed = makeExceptionalFuture<int>(
-        std::make_exception_ptr(std::invalid_argument("wrong type")));
+TEST(Future, exceptionalFutureRethrowsTheStoredExceptionUnwrappingANestedPointer) {
+    auto failed =
+        makeExceptionalFuture<int>(std::make_exception_ptr(std::invalid_argument("wrong type")));
     EXPECT_EQ(thrownText<std::invalid_argument>([&] { failed.get(); }), "wrong type");
     // The failed get() still counts as the one retrieval.
     EXPECT_EQ(thrownText<std::runtime_error>([&] { failed.get(); }), alreadyRetrieved);
@@ -60,8 +56,7 @@ TEST(Future, exceptionalFutureRethrowsTheStoredExceptionUnwrappingANestedPointer
     EXPECT_EQ(thrownText<std::runtime_error>([&] { nested.get(); }), "disk full");
 }
 
-TEST(Promise, resolvesOnceAndIgnoresResolutionAfterCancel)
-{
+TEST(Promise, resolvesOnceAndIgnoresResolutionAfterCancel) {
     Promise<std::string> promise;
     Future<std::string> future = promise.getFuture();
     promise.setValue("first");
@@ -81,8 +76,7 @@ TEST(Promise, resolvesOnceAndIgnoresResolutionAfterCancel)
               "Future has been cancelled.");
 }
 
-TEST(Promise, droppedWhilePendingFailsTheFutureInsteadOfBlockingForever)
-{
+TEST(Promise, droppedWhilePendingFailsTheFutureInsteadOfBlockingForever) {
     std::unique_ptr<Future<int>> future;
     {
         Promise<int> promise;
@@ -92,8 +86,7 @@ TEST(Promise, droppedWhilePendingFailsTheFutureInsteadOfBlockingForever)
               "Promise destroyed before it was resolved.");
 }
 
-TEST(SharedFutureState, continuationRunsOnceWhetherAttachedBeforeOrAfterValue)
-{
+TEST(SharedFutureState, continuationRunsOnceWhetherAttachedBeforeOrAfterValue) {
     struct Counting {
         std::atomic<int> runs{0};
         std::atomic<int> destroyed{0};
@@ -140,8 +133,7 @@ TEST(SharedFutureState, continuationRunsOnceWhetherAttachedBeforeOrAfterValue)
     EXPECT_EQ(secondGet, alreadyRetrieved);
 }
 
-TEST(SharedFutureState, pendingStateDestroyedWithContinuationDropsItUnrun)
-{
+TEST(SharedFutureState, pendingStateDestroyedWithContinuationDropsItUnrun) {
     int runs = 0;
     bool destroyed = false;
     struct Flag {

@@ -6,8 +6,7 @@
 #include <string>
 
 // Loads the built module the way the framework does and reads its identification strings.
-TEST(ModuleExports, identificationStringsAreReachableThroughDlsym)
-{
+TEST(ModuleExports, identificationStringsAreReachableThroughDlsym) {
     void* module = ::dlopen(KESTRIN_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(module, nullptr) << ::dlerror();
     auto read = [&](const char* name) -> std::string {
@@ -24,8 +23,8 @@ TEST(ModuleExports, identificationStringsAreReachableThroughDlsym)
     std::string version = read("libqvkestrinfileuploadimpl_version");
     unsigned numbers[4];
     int used = 0;
-    EXPECT_EQ(std::sscanf(version.c_str(), "%u.%u.%u.%u%n", &numbers[0], &numbers[1],
-                          &numbers[2], &numbers[3], &used),
+    EXPECT_EQ(std::sscanf(version.c_str(), "%u.%u.%u.%u%n", &numbers[0], &numbers[1], &numbers[2],
+                          &numbers[3], &used),
               4);
     EXPECT_EQ(static_cast<size_t>(used), version.size());
     // The compiler's date text: "Nov 23 2026", day padded with a blank.
@@ -34,6 +33,8 @@ TEST(ModuleExports, identificationStringsAreReachableThroughDlsym)
     EXPECT_NE(std::string("JanFebMarAprMayJunJulAugSepOctNovDec").find(date.substr(0, 3)),
               std::string::npos);
     // Internals stay hidden.
-    EXPECT_EQ(::dlsym(module, "_ZN7kestrin11file_upload2v114makeResultPageESt17basic_string_viewIcSt11char_traitsIcEE"), nullptr);
+    EXPECT_EQ(::dlsym(module, "_ZN7kestrin11file_upload2v114makeResultPageESt17basic_string_"
+                              "viewIcSt11char_traitsIcEE"),
+              nullptr);
     ::dlclose(module);
 }

@@ -14,8 +14,7 @@ namespace {
 
 class RecordingRouter : public kestrin::http::HttpRouter {
 public:
-    void addRoute(const std::string& path, const Address& target) override
-    {
+    void addRoute(const std::string& path, const Address& target) override {
         calls.push_back("add " + path + " -> " + target.getName());
         if (failOnAdd == path) {
             throw std::runtime_error("route table full");
@@ -29,8 +28,7 @@ public:
 
 } // namespace
 
-TEST(MultipartUploadRouteProvider, addsBothRoutesOnConstructionAndRemovesThemOnDestruction)
-{
+TEST(MultipartUploadRouteProvider, addsBothRoutesOnConstructionAndRemovesThemOnDestruction) {
     auto router = std::make_shared<RecordingRouter>();
     auto provider = std::make_unique<MultipartUploadRouteProvider>(router, Address("upload"));
     EXPECT_EQ(router->calls,
@@ -41,8 +39,7 @@ TEST(MultipartUploadRouteProvider, addsBothRoutesOnConstructionAndRemovesThemOnD
     EXPECT_EQ(router.use_count(), 1) << "the router is released with the provider";
 }
 
-TEST(MultipartUploadRouteProvider, twoProvidersOnOneRouterEachRemoveBothPaths)
-{
+TEST(MultipartUploadRouteProvider, twoProvidersOnOneRouterEachRemoveBothPaths) {
     auto router = std::make_shared<RecordingRouter>();
     auto first = std::make_unique<MultipartUploadRouteProvider>(router, Address("a"));
     auto second = std::make_unique<MultipartUploadRouteProvider>(router, Address("b"));
@@ -51,8 +48,7 @@ TEST(MultipartUploadRouteProvider, twoProvidersOnOneRouterEachRemoveBothPaths)
     EXPECT_EQ(router->calls, (std::vector<std::string>{"remove /users", "remove /ORVANE Drive"}));
 }
 
-TEST(MultipartUploadRouteProvider, failingSecondRouteReachesTheCreatorAndRemovesNothing)
-{
+TEST(MultipartUploadRouteProvider, failingSecondRouteReachesTheCreatorAndRemovesNothing) {
     auto router = std::make_shared<RecordingRouter>();
     router->failOnAdd = "/ORVANE Drive";
     EXPECT_THROW(MultipartUploadRouteProvider(router, Address("upload")), std::runtime_error);

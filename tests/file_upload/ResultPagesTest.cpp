@@ -16,8 +16,7 @@ struct ScriptString {
     bool closed = false;
 };
 
-ScriptString readScriptString(const std::string& page)
-{
+ScriptString readScriptString(const std::string& page) {
     ScriptString out;
     size_t i = page.find("postMessage(\"");
     if (i == std::string::npos) {
@@ -39,11 +38,22 @@ ScriptString readScriptString(const std::string& page)
         }
         char e = page[++i];
         switch (e) {
-        case 'n': out.value += '\n'; break;
-        case 'r': out.value += '\r'; break;
-        case 'x': out.value += static_cast<char>(std::stoi(page.substr(i + 1, 2), nullptr, 16)); i += 2; break;
-        case 'u': out.value += "<U+" + page.substr(i + 1, 4) + ">"; i += 4; break;
-        default: out.value += e;
+        case 'n':
+            out.value += '\n';
+            break;
+        case 'r':
+            out.value += '\r';
+            break;
+        case 'x':
+            out.value += static_cast<char>(std::stoi(page.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+            break;
+        case 'u':
+            out.value += "<U+" + page.substr(i + 1, 4) + ">";
+            i += 4;
+            break;
+        default:
+            out.value += e;
         }
     }
     return out;
@@ -51,8 +61,7 @@ ScriptString readScriptString(const std::string& page)
 
 } // namespace
 
-TEST(ResultPages, fixedPagesAreTheTemplateAroundTheirMessages)
-{
+TEST(ResultPages, fixedPagesAreTheTemplateAroundTheirMessages) {
     struct Case {
         const std::string& page;
         const char* message;
@@ -80,8 +89,7 @@ TEST(ResultPages, fixedPagesAreTheTemplateAroundTheirMessages)
     EXPECT_NE(empty.find("postMessage(\"\", \"*\")"), std::string::npos);
 }
 
-TEST(ResultPages, hostileMessagesStayOneScriptString)
-{
+TEST(ResultPages, hostileMessagesStayOneScriptString) {
     const std::string messages[] = {
         "quote \" inside",
         "back\\slash and \\\" both",
@@ -99,7 +107,8 @@ TEST(ResultPages, hostileMessagesStayOneScriptString)
         ASSERT_TRUE(parsed.closed);
         EXPECT_EQ(parsed.rest, std::string(resultPageSuffix.substr(1)));
         EXPECT_EQ(page.find("</script>"), page.rfind("</script>"));
-        EXPECT_EQ(page.find('<', resultPagePrefix.size()), page.size() - resultPageSuffix.size() + 9);
+        EXPECT_EQ(page.find('<', resultPagePrefix.size()),
+                  page.size() - resultPageSuffix.size() + 9);
         std::string expected = message;
         for (const char* separator : {"\xE2\x80\xA8", "\xE2\x80\xA9"}) {
             size_t at = expected.find(separator);

@@ -7,8 +7,7 @@
 #include <string>
 #include <unistd.h>
 
-TEST(Ost, workingDirectoryAndNamesRoundTripThroughUtf16)
-{
+TEST(Ost, workingDirectoryAndNamesRoundTripThroughUtf16) {
     char cwd[PATH_MAX];
     ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
     std::u16string path = ost::filesystem::get_current_path();
@@ -16,16 +15,17 @@ TEST(Ost, workingDirectoryAndNamesRoundTripThroughUtf16)
 
     auto utf8 = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
     // "Grüße-日本.txt" with a character outside the basic plane.
-    std::string name = "Gr\xC3\xBC\xC3\x9F" "e-\xE6\x97\xA5\xE6\x9C\xAC-\xF0\x9F\x98\x80.txt";
+    std::string name = "Gr\xC3\xBC\xC3\x9F"
+                       "e-\xE6\x97\xA5\xE6\x9C\xAC-\xF0\x9F\x98\x80.txt";
     std::u16string wide = ost::i18n::to_ustring(name, utf8);
     EXPECT_EQ(wide, u"Grüße-日本-\U0001F600.txt");
     EXPECT_EQ(ost::i18n::to_string(wide), name);
 }
 
-TEST(Ost, invalidTextFailsInsteadOfProducingAGarbledName)
-{
+TEST(Ost, invalidTextFailsInsteadOfProducingAGarbledName) {
     auto strict = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
-    for (std::string bad : {std::string("\xFF"), std::string("a\xC3"), std::string("\xED\xA0\x80")}) {
+    for (std::string bad :
+         {std::string("\xFF"), std::string("a\xC3"), std::string("\xED\xA0\x80")}) {
         SCOPED_TRACE(bad);
         EXPECT_THROW(ost::i18n::to_ustring(bad, strict), std::runtime_error);
     }

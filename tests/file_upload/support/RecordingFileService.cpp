@@ -5,12 +5,9 @@
 namespace kestrin::testing {
 
 RecordingFileService::RecordingFileService()
-    : worker([this] { run(); })
-{
-}
+    : worker([this] { run(); }) {}
 
-RecordingFileService::~RecordingFileService()
-{
+RecordingFileService::~RecordingFileService() {
     {
         std::lock_guard<std::mutex> guard(mutex);
         stopping = true;
@@ -20,8 +17,7 @@ RecordingFileService::~RecordingFileService()
 }
 
 Future<file_common::v1::FileInfo> RecordingFileService::writeFile(file_common::v1::File&& file,
-                                                                  bool /*overwrite*/)
-{
+                                                                  bool /*overwrite*/) {
     Promise<file_common::v1::FileInfo> promise;
     Future<file_common::v1::FileInfo> future = promise.getFuture();
     {
@@ -32,21 +28,18 @@ Future<file_common::v1::FileInfo> RecordingFileService::writeFile(file_common::v
     return future;
 }
 
-void RecordingFileService::failWrite(size_t nth, std::function<std::exception_ptr()> makeError)
-{
+void RecordingFileService::failWrite(size_t nth, std::function<std::exception_ptr()> makeError) {
     std::lock_guard<std::mutex> guard(mutex);
     failingWrite = nth;
     failure = std::move(makeError);
 }
 
-std::vector<RecordingFileService::Write> RecordingFileService::writes() const
-{
+std::vector<RecordingFileService::Write> RecordingFileService::writes() const {
     std::lock_guard<std::mutex> guard(mutex);
     return stored;
 }
 
-std::vector<std::string> RecordingFileService::paths() const
-{
+std::vector<std::string> RecordingFileService::paths() const {
     std::vector<std::string> out;
     for (const Write& write : writes()) {
         out.push_back(ost::i18n::to_string(write.path));
@@ -54,8 +47,7 @@ std::vector<std::string> RecordingFileService::paths() const
     return out;
 }
 
-void RecordingFileService::run()
-{
+void RecordingFileService::run() {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
         wake.wait(lock, [this] { return stopping || !queue.empty(); });
@@ -77,8 +69,7 @@ void RecordingFileService::run()
     }
 }
 
-std::string bytesOf(const common::DataBuffer& buffer)
-{
+std::string bytesOf(const common::DataBuffer& buffer) {
     if (buffer.getSize() == 0) {
         return {};
     }
