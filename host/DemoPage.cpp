@@ -8,6 +8,7 @@ const std::string_view demoPage = R"page(<!DOCTYPE html>
 <meta charset="utf-8">
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <title>kestrin file upload</title>
+<link rel="icon" href="data:,">
 <style>
   body { font-family: system-ui, sans-serif; max-width: 44rem; margin: 2rem auto; padding: 0 1rem;
          color: #222; }
