@@ -7,6 +7,7 @@
 #include "reactive_streams/OneShotPublisher.h"
 
 #include <exception>
+#include <string>
 #include <utility>
 
 namespace kestrin::host {
@@ -76,6 +77,12 @@ Reply RequestDispatcher::callService(http::HttpServiceProvider& provider, const 
         auto* response = dynamic_cast<http::HttpResponse*>(answer.get());
         if (response == nullptr) {
             return plainText(500, internalErrorText, "the service answered without a response");
+        }
+        // HTTP has three-digit statuses only; anything else cannot go on the status line.
+        if (response->getStatus() < 100 || response->getStatus() > 999) {
+            return plainText(500, internalErrorText,
+                             "the service answered with status " +
+                                 std::to_string(response->getStatus()));
         }
         return Reply{response->getStatus(), std::string(htmlType), response->takeBodyBytes(), {}};
     } catch (const std::exception& error) {

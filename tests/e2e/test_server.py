@@ -104,8 +104,14 @@ class ServerTestCase(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
-        cls.server.close()
-        shutil.rmtree(cls.root, ignore_errors=True)
+        try:
+            # Whatever the tests did, the server is still up and stops cleanly.
+            code = cls.server.stop()
+            if code != 0:
+                raise AssertionError("server exited with %s; log:\n%s" % (code, cls.server.logged()))
+        finally:
+            cls.server.close()
+            shutil.rmtree(cls.root, ignore_errors=True)
 
     def make_file(self, name, content):
         path = os.path.join(self.files, name)

@@ -177,6 +177,9 @@ TEST_F(RequestDispatcherTest, sendsAStreamedPageAndTurnsFailuresIntoHostErrors) 
                  std::make_exception_ptr(std::runtime_error("failed")));
          },
          true, 500, "Internal Server Error\n"},
+        {"status that fits no status line",
+         [] { return http::makeReadyHttpResponse(1000, "page"); }, true, 500,
+         "Internal Server Error\n"},
         {"answer that is no response",
          [] { return makeReadyFuture<std::unique_ptr<Message>>(std::make_unique<Message>()); },
          true, 500, "Internal Server Error\n"},
