@@ -9,12 +9,8 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     clang libclang-rt-14-dev
     curl python3 procps time
-    chromium
+    chromium nodejs npm
 )
-# Node may come with its own npm (a nodejs build that bundles it conflicts with Debian's npm
-# package): ask for Debian's only when the commands are missing.
-command -v node > /dev/null || packages+=(nodejs)
-command -v npm > /dev/null || packages+=(npm)
 
 # A node.js from another source (such as one that bundles npm) serves as well as Debian's,
 # whose npm package cannot be installed beside it.
