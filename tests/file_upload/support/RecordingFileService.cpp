@@ -59,7 +59,9 @@ void RecordingFileService::run() {
         if (job.number == failingWrite && failure) {
             auto error = failure();
             lock.unlock();
-            job.promise.setException(error);
+            // Hand over the only reference: releasing a copy here while the waiter reads the
+            // exception would look like a race to the race detector.
+            job.promise.setException(std::move(error));
         } else {
             stored.push_back(Write{job.file.info.path, bytesOf(job.file.content)});
             lock.unlock();
