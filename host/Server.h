@@ -15,6 +15,9 @@ struct ServerOptions {
     std::uint64_t maxBody = std::uint64_t{1} << 30;
     unsigned threads = 1; // IO threads, and as many service threads
     std::chrono::seconds idleTimeout{30};
+    // A path whose requests are read and dropped without reaching any service, answered 200:
+    // the floor the upload path is measured against. Empty: no such route.
+    std::string discardRoute;
 };
 
 // The HTTP side of the server: accepts connections, reads each request's header and body,

@@ -44,6 +44,9 @@ Options:
                         (default 1G); larger bodies get 413 before they are read
   --threads N           IO threads, and as many service threads (default: the core count)
   --idle-timeout SECS   close connections idle this long (default 30)
+  --discard-route PATH  also serve PATH (decoded, exact) by reading each request's body and
+                        dropping it, answering 200 without calling any service: the network
+                        and HTTP floor for benchmarks (default: off)
   --version             print the module's path, version and build date, then exit
   --help                print this help, then exit
 
@@ -167,6 +170,11 @@ Arguments parseArguments(int argc, char** argv) {
                 throw UsageError("--idle-timeout: expected 1 to 86400 seconds");
             }
             arguments.server.idleTimeout = std::chrono::seconds(seconds);
+        } else if (flag == "--discard-route") {
+            arguments.server.discardRoute = takeValue();
+            if (arguments.server.discardRoute.empty() || arguments.server.discardRoute[0] != '/') {
+                throw UsageError("--discard-route: expected a path starting with /");
+            }
         } else {
             throw UsageError("unknown option " + flag);
         }
