@@ -15,6 +15,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <exception>
@@ -68,7 +69,7 @@ struct Shared {
     Shared(const ServerOptions& serverOptions, std::shared_ptr<const RequestDispatcher> router)
         : options(serverOptions)
         , dispatcher(std::move(router))
-        , services(serverOptions.threads) {}
+        , services(std::max(1u, serverOptions.serviceThreads)) {}
 
     ServerOptions options;
     std::shared_ptr<const RequestDispatcher> dispatcher;

@@ -43,7 +43,9 @@ Options:
                         (default: the working directory)
   --max-body BYTES      largest request body accepted, with an optional K, M or G suffix
                         (default 1G); larger bodies get 413 before they are read
-  --threads N           IO threads, and as many service threads (default: the core count)
+  --threads N           IO threads (default: the core count)
+  --service-threads N   threads that run uploads, each held until its files are written, and
+                        as many file writer threads: N uploads are stored at once (default 16)
   --idle-timeout SECS   close connections idle this long (default 30)
   --discard-route PATH  also serve PATH (decoded, exact) by reading each request's body and
                         dropping it, answering 200 without calling any service: the network
@@ -165,6 +167,12 @@ Arguments parseArguments(int argc, char** argv) {
                 throw UsageError("--threads: expected 1 to 1024");
             }
             arguments.server.threads = static_cast<unsigned>(threads);
+        } else if (flag == "--service-threads") {
+            const std::uint64_t threads = parseNumber(flag, takeValue(), false);
+            if (threads == 0 || threads > 1024) {
+                throw UsageError("--service-threads: expected 1 to 1024");
+            }
+            arguments.server.serviceThreads = static_cast<unsigned>(threads);
         } else if (flag == "--idle-timeout") {
             const std::uint64_t seconds = parseNumber(flag, takeValue(), false);
             if (seconds == 0 || seconds > 86400) {
@@ -232,7 +240,9 @@ int serve(const Arguments& arguments) {
     using file_upload::v1::MultipartUploadServiceProvider;
 
     enterDirectory(arguments.directory);
-    auto fileService = std::make_shared<host::DiskFileService>(".");
+    // One writer per service thread: a write never waits for another to finish.
+    auto fileService =
+        std::make_shared<host::DiskFileService>(".", arguments.server.serviceThreads);
 
     auto uploadService = std::make_shared<MultipartUploadServiceImpl>();
     auto provider =
