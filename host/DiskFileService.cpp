@@ -2,6 +2,7 @@
 
 #include "framework/Ost.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -57,7 +58,7 @@ void writeAll(int fd, const uint8_t* bytes, size_t count) {
 
 } // namespace
 
-DiskFileService::DiskFileService(const std::string& uploadDirectory) {
+DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned writerCount) {
     std::unique_ptr<char, decltype(&std::free)> resolved(
         ::realpath(uploadDirectory.c_str(), nullptr), &std::free);
     if (!resolved) {
@@ -65,16 +66,31 @@ DiskFileService::DiskFileService(const std::string& uploadDirectory) {
     }
     directory = resolved.get();
     removeLeftovers();
-    writer = std::thread([this] { run(); });
+    writerCount = std::max(1u, writerCount);
+    writers.reserve(writerCount);
+    try {
+        for (unsigned i = 0; i < writerCount; ++i) {
+            writers.emplace_back([this] { run(); });
+        }
+    } catch (...) {
+        stopWriters();
+        throw;
+    }
 }
 
 DiskFileService::~DiskFileService() {
+    stopWriters();
+}
+
+void DiskFileService::stopWriters() noexcept {
     {
         std::lock_guard<std::mutex> guard(mutex);
         stopping = true;
     }
     wake.notify_all();
-    writer.join();
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
 }
 
 Future<file_common::v1::FileInfo> DiskFileService::writeFile(file_common::v1::File&& file,

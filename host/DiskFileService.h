@@ -8,22 +8,25 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 namespace kestrin::host {
 
 // The server's file service: stores each file as a direct child of one upload directory.
-// Any thread may call writeFile; the writes run one after another on the service's own
-// writer thread, which also resolves every returned future, success or failure. A file is
-// written to a temporary file beside the target, flushed to disk and renamed over the
-// target, so a stored file is complete or absent, never partial.
+// Any thread may call writeFile; the writes run on the service's own writer threads, several
+// at once so that one slow write does not hold up the others, and the thread that wrote a
+// file resolves its future, success or failure. A file is written to a temporary file beside
+// the target, flushed to disk and renamed over the target, so a stored file is complete or
+// absent, never partial; of two writes of one name at once, the later rename wins.
 class DiskFileService : public file::v1::FileService {
 public:
     // Temporary files start with this; no upload may take such a name.
     static constexpr std::string_view tempPrefix = ".kestrin-upload-";
 
-    // Removes temporary files a previous run left behind. Throws std::runtime_error when the
-    // directory cannot be resolved or read.
-    explicit DiskFileService(const std::string& uploadDirectory);
+    // Removes temporary files a previous run left behind, then starts writerCount writer
+    // threads (at least one). Throws std::runtime_error when the directory cannot be resolved
+    // or read.
+    explicit DiskFileService(const std::string& uploadDirectory, unsigned writerCount = 1);
     ~DiskFileService() override;
     DiskFileService(const DiskFileService&) = delete;
     DiskFileService& operator=(const DiskFileService&) = delete;
@@ -45,6 +48,7 @@ private:
     };
 
     void run();
+    void stopWriters() noexcept;
     file_common::v1::FileInfo store(file_common::v1::File& file, bool overwrite) const;
     std::string targetName(const std::u16string& path) const;
     void removeLeftovers() const;
@@ -54,7 +58,7 @@ private:
     std::condition_variable wake;
     std::deque<Job> queue;
     bool stopping = false;
-    std::thread writer;
+    std::vector<std::thread> writers;
 };
 
 } // namespace kestrin::host

@@ -1,6 +1,7 @@
 #include "host/Server.h"
 
 #include "host/DataBufferBody.h"
+#include "host/DiscardBody.h"
 #include "host/HttpRules.h"
 
 #include <boost/asio/dispatch.hpp>
@@ -14,6 +15,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <exception>
@@ -67,7 +69,7 @@ struct Shared {
     Shared(const ServerOptions& serverOptions, std::shared_ptr<const RequestDispatcher> router)
         : options(serverOptions)
         , dispatcher(std::move(router))
-        , services(serverOptions.threads) {}
+        , services(std::max(1u, serverOptions.serviceThreads)) {}
 
     ServerOptions options;
     std::shared_ptr<const RequestDispatcher> dispatcher;
@@ -119,6 +121,7 @@ private:
         }
         busy = false;
         bytesIn = 0;
+        discardParser.reset();
         parser.emplace();
         parser->header_limit(headerLimit);
         parser->body_limit(shared->options.maxBody);
@@ -164,16 +167,24 @@ private:
             return sendReply(RequestDispatcher::plainText(
                 400, "Bad Request: malformed percent-escape in the request target"));
         }
-        destination = shared->dispatcher->route(method, *path);
-        switch (destination.kind) {
-        case RequestDispatcher::Destination::Kind::demoPage:
-            return sendReply(RequestDispatcher::demoPageReply());
-        case RequestDispatcher::Destination::Kind::notFound:
-            return sendReply(RequestDispatcher::plainText(404, "Not Found"));
-        case RequestDispatcher::Destination::Kind::service:
-            break;
+        const bool expectsContinue = beast::iequals(request[http::field::expect], "100-continue");
+        const std::string& discardRoute = shared->options.discardRoute;
+        if (!discardRoute.empty() && *path == discardRoute) {
+            // Nothing has been read into a body yet, so the parser can still change its kind.
+            // The request's header moves with it.
+            discardParser.emplace(std::move(*parser));
+        } else {
+            destination = shared->dispatcher->route(method, *path);
+            switch (destination.kind) {
+            case RequestDispatcher::Destination::Kind::demoPage:
+                return sendReply(RequestDispatcher::demoPageReply());
+            case RequestDispatcher::Destination::Kind::notFound:
+                return sendReply(RequestDispatcher::plainText(404, "Not Found"));
+            case RequestDispatcher::Destination::Kind::service:
+                break;
+            }
         }
-        if (beast::iequals(request[http::field::expect], "100-continue")) {
+        if (expectsContinue) {
             return doContinue();
         }
         doReadBody();
@@ -198,6 +209,9 @@ private:
     // Reads the body piece by piece, so the idle timeout counts from the last bytes that
     // arrived rather than from the start of a long upload.
     void doReadBody() {
+        if (discardParser) {
+            return doReadDiscarded();
+        }
         if (parser->is_done()) {
             return callService();
         }
@@ -220,6 +234,19 @@ private:
             return doClose(false);
         }
         doReadBody();
+    }
+
+    void doReadDiscarded() {
+        if (discardParser->is_done()) {
+            requestRead = true;
+            keepAlive = discardParser->get().keep_alive();
+            bytesIn = discardParser->get().body();
+            return sendReply(RequestDispatcher::plainText(
+                200, "Discarded " + std::to_string(bytesIn) + " body bytes"));
+        }
+        stream.expires_after(shared->options.idleTimeout);
+        http::async_read_some(stream, buffer, *discardParser,
+                              beast::bind_front_handler(&Session::onReadBody, shared_from_this()));
     }
 
     void callService() {
@@ -317,6 +344,8 @@ private:
     beast::flat_buffer buffer;
     std::shared_ptr<Shared> shared;
     std::optional<http::request_parser<DataBufferBody>> parser;
+    // Takes over from parser for a request to the discard route.
+    std::optional<http::request_parser<DiscardBody>> discardParser;
     RequestDispatcher::Destination destination{RequestDispatcher::Destination::Kind::notFound,
                                                nullptr, Address()};
     std::string method;

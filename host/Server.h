@@ -13,8 +13,14 @@ struct ServerOptions {
     std::string address = "127.0.0.1";
     unsigned short port = 8080; // 0 picks a free port
     std::uint64_t maxBody = std::uint64_t{1} << 30;
-    unsigned threads = 1; // IO threads, and as many service threads
+    unsigned threads = 1; // IO threads
+    // Threads that run service calls. Each is held for a whole upload, file writes included,
+    // so this many uploads are stored at once, however many cores there are.
+    unsigned serviceThreads = 16;
     std::chrono::seconds idleTimeout{30};
+    // A path whose requests are read and dropped without reaching any service, answered 200:
+    // the floor the upload path is measured against. Empty: no such route.
+    std::string discardRoute;
 };
 
 // The HTTP side of the server: accepts connections, reads each request's header and body,

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -42,8 +43,13 @@ Options:
                         (default: the working directory)
   --max-body BYTES      largest request body accepted, with an optional K, M or G suffix
                         (default 1G); larger bodies get 413 before they are read
-  --threads N           IO threads, and as many service threads (default: the core count)
+  --threads N           IO threads (default: the core count)
+  --service-threads N   threads that run uploads, each held until its files are written, and
+                        as many file writer threads: N uploads are stored at once (default 16)
   --idle-timeout SECS   close connections idle this long (default 30)
+  --discard-route PATH  also serve PATH (decoded, exact) by reading each request's body and
+                        dropping it, answering 200 without calling any service: the network
+                        and HTTP floor for benchmarks (default: off)
   --version             print the module's path, version and build date, then exit
   --help                print this help, then exit
 
@@ -161,12 +167,23 @@ Arguments parseArguments(int argc, char** argv) {
                 throw UsageError("--threads: expected 1 to 1024");
             }
             arguments.server.threads = static_cast<unsigned>(threads);
+        } else if (flag == "--service-threads") {
+            const std::uint64_t threads = parseNumber(flag, takeValue(), false);
+            if (threads == 0 || threads > 1024) {
+                throw UsageError("--service-threads: expected 1 to 1024");
+            }
+            arguments.server.serviceThreads = static_cast<unsigned>(threads);
         } else if (flag == "--idle-timeout") {
             const std::uint64_t seconds = parseNumber(flag, takeValue(), false);
             if (seconds == 0 || seconds > 86400) {
                 throw UsageError("--idle-timeout: expected 1 to 86400 seconds");
             }
             arguments.server.idleTimeout = std::chrono::seconds(seconds);
+        } else if (flag == "--discard-route") {
+            arguments.server.discardRoute = takeValue();
+            if (arguments.server.discardRoute.empty() || arguments.server.discardRoute[0] != '/') {
+                throw UsageError("--discard-route: expected a path starting with /");
+            }
         } else {
             throw UsageError("unknown option " + flag);
         }
@@ -180,6 +197,25 @@ Arguments parseArguments(int argc, char** argv) {
 void tuneAllocator() {
     mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
     mallopt(M_TRIM_THRESHOLD, 64 * 1024 * 1024);
+}
+
+// Every large upload touches fresh pages twice, for its body and for the part cut out of it,
+// and the system then reads them once more to write the file. Each first touch of a page is a
+// fault, which costs far more than the copy itself (several times more on virtual machines),
+// and a 2 MiB page takes one fault where 4 KiB pages take 512. glibc asks the system for huge
+// pages for its large blocks only when told so by GLIBC_TUNABLES, which it reads once, at
+// start: set it and start again. If that fails, serve with small pages.
+void restartWithHugePages(char** argv) {
+    constexpr const char* tunable = "glibc.malloc.hugetlb";
+    const char* current = std::getenv("GLIBC_TUNABLES");
+    if (current != nullptr && std::strstr(current, tunable) != nullptr) {
+        return;
+    }
+    std::string tunables = current != nullptr && *current != '\0' ? current + std::string(":") : "";
+    tunables += tunable + std::string("=1");
+    if (::setenv("GLIBC_TUNABLES", tunables.c_str(), 1) == 0) {
+        ::execv("/proc/self/exe", argv);
+    }
 }
 
 void enterDirectory(const std::string& directory) {
@@ -204,7 +240,9 @@ int serve(const Arguments& arguments) {
     using file_upload::v1::MultipartUploadServiceProvider;
 
     enterDirectory(arguments.directory);
-    auto fileService = std::make_shared<host::DiskFileService>(".");
+    // One writer per service thread: a write never waits for another to finish.
+    auto fileService =
+        std::make_shared<host::DiskFileService>(".", arguments.server.serviceThreads);
 
     auto uploadService = std::make_shared<MultipartUploadServiceImpl>();
     auto provider =
@@ -254,6 +292,7 @@ int main(int argc, char** argv) {
                   << "build date: " << libqvkestrinfileuploadimpl_build_date << "\n";
         return 0;
     }
+    restartWithHugePages(argv);
     // Answers go to clients that may have left; a write to them must fail, not kill us.
     std::signal(SIGPIPE, SIG_IGN);
     tuneAllocator();

@@ -246,6 +246,36 @@ class IdleConnectionTest(ServerTestCase):
             self.assertEqual(connection.recv(1), b"")
 
 
+class DiscardRouteTest(ServerTestCase):
+    flags = ("--max-body", "4M", "--discard-route", "/sink")
+
+    def test_bodies_sent_to_the_discard_route_are_read_and_dropped(self):
+        path = self.make_file("dropped.bin", os.urandom(3 * 1024 * 1024))
+        self.assertEqual(self.upload("/sink", "file=@" + path)[0], 200)
+        # The route takes precedence over nothing else: uploads still work beside it.
+        self.assertEqual(self.upload("/users", "file=@" + path), (200, SUCCESS_PAGE))
+        self.assertEqual(self.upload("/sink", "file=@" + self.make_file("big", b"b" * (5 << 20))),
+                         (413, b"Payload Too Large\n"))
+        self.assertEqual(os.listdir(self.uploads), ["dropped.bin"])
+
+        # A client that waits for the go-ahead gets it, and the connection stays usable.
+        body = b"x" * 100000
+        header = ("POST /sink HTTP/1.1\r\nHost: 127.0.0.1\r\nExpect: 100-continue\r\n"
+                  "Content-Length: %d\r\n\r\n" % len(body)).encode()
+        with socket.create_connection(("127.0.0.1", self.server.port), timeout=20) as connection:
+            for _ in range(2):
+                connection.sendall(header)
+                self.assertEqual(connection.recv(4096), b"HTTP/1.1 100 Continue\r\n\r\n")
+                connection.sendall(body)
+                reply = b""
+                while not reply.endswith(b"Discarded 100000 body bytes\n"):
+                    chunk = connection.recv(4096)
+                    self.assertTrue(chunk, reply)
+                    reply += chunk
+                self.assertTrue(reply.startswith(b"HTTP/1.1 200 OK\r\n"), reply)
+                self.assertNotIn(b"Connection: close", reply)
+
+
 class ShutdownTest(unittest.TestCase):
     def setUp(self):
         if not SERVER or not os.access(SERVER, os.X_OK):

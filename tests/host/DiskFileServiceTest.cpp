@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace kestrin::host {
 namespace {
@@ -169,6 +171,61 @@ TEST_F(DiskFileServiceTest, resolvesEveryFutureFromItsOneWriterThread) {
     secondDone.get_future().get();
     EXPECT_NE(first.load(), caller);
     EXPECT_EQ(second.load(), first.load());
+}
+
+// A write that holds its writer thread (here: its continuation waits on the test) must not
+// keep another write from being stored and resolved.
+TEST_F(DiskFileServiceTest, aHeldWriterDoesNotHoldUpTheOtherWriters) {
+    DiskFileService service(uploads.string(), 2);
+    const std::thread::id caller = std::this_thread::get_id();
+    std::atomic<std::thread::id> holder{};
+    std::promise<void> gate;
+    std::shared_future<void> opened = gate.get_future().share();
+
+    Future<FileInfo> slow = write(service, in("slow"), std::string(1 << 20, 's'));
+    slow.then([&](Future<FileInfo>& resolved) {
+        holder = std::this_thread::get_id();
+        resolved.get();
+        if (holder.load() != caller) {
+            opened.wait();
+        }
+    });
+    if (holder.load() == caller) {
+        gate.set_value();
+        GTEST_SKIP() << "the first write finished before its continuation was attached";
+    }
+    std::promise<void> fastDone;
+    Future<FileInfo> fast = write(service, in("fast"), "f");
+    fast.then([&](Future<FileInfo>& resolved) {
+        resolved.get();
+        fastDone.set_value();
+    });
+    // Bounded only so that a regression fails instead of hanging the suite.
+    const bool stored =
+        fastDone.get_future().wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+    gate.set_value();
+    EXPECT_TRUE(stored);
+    EXPECT_EQ(contents(uploads / "fast"), "f");
+}
+
+// Every write accepted before the service goes away is stored and resolved, whichever of its
+// writers takes it.
+TEST_F(DiskFileServiceTest, writesQueuedBeforeDestructionAreAllStored) {
+    std::vector<Future<FileInfo>> futures;
+    std::set<std::string> expected;
+    {
+        DiskFileService service(uploads.string(), 4);
+        for (int i = 0; i < 40; ++i) {
+            const std::string name = "f" + std::to_string(i);
+            futures.push_back(write(service, in(name), name));
+            expected.insert(name);
+        }
+    }
+    for (Future<FileInfo>& future : futures) {
+        future.get();
+    }
+    EXPECT_EQ(names(uploads), expected);
+    EXPECT_EQ(contents(uploads / "f39"), "f39");
 }
 
 } // namespace

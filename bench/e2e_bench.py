@@ -1,0 +1,253 @@
+#!/usr/bin/env python3
+"""End-to-end figures of kestrin-upload-server against the machine's own limits, in one run.
+
+Starts the server on 127.0.0.1 (a free port, a temporary upload directory, the discard route
+switched on) and measures:
+
+- one large upload (256 MiB by default) with curl -F to /users: wall time, throughput and the
+  server's peak resident memory (VmHWM, reset before each upload), beside two floors taken in
+  the same run: the same file POSTed by curl to the discard route (network and HTTP), and the
+  same bytes written to a file in the upload directory and fsync'ed (disk);
+- many small uploads (2,000 of 4 KiB) over 16 keep-alive connections: uploads per second and
+  p50/p99 latency.
+
+Each large measurement runs --repeat times and the median is reported (peak memory: the
+largest). Everything is bounded: curl and every request have time limits, the server is
+killed on the way out, and the temporary files are deleted."""
+
+import argparse
+import http.client
+import os
+import re
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import uuid
+
+MIB = 1 << 20
+DISCARD_ROUTE = "/bench-discard"
+
+
+class Server:
+    def __init__(self, binary, directory, flags):
+        self.log = tempfile.TemporaryFile()
+        self.process = subprocess.Popen(
+            [binary, "--listen", "127.0.0.1:0", "--dir", directory,
+             "--discard-route", DISCARD_ROUTE, *flags],
+            stdout=subprocess.PIPE, stderr=self.log)
+        lines = []
+        reader = threading.Thread(target=lambda: lines.append(self.process.stdout.readline()),
+                                  daemon=True)
+        reader.start()
+        reader.join(20)
+        match = re.fullmatch(rb"listening on http://127\.0\.0\.1:(\d+)/\n",
+                             lines[0] if lines else b"")
+        if not match:
+            self.kill()
+            raise SystemExit("the server did not start:\n" + self.logged())
+        self.port = int(match.group(1))
+        self.url = "http://127.0.0.1:%d" % self.port
+
+    def status(self, field):
+        with open("/proc/%d/status" % self.process.pid) as status:
+            for line in status:
+                if line.startswith(field + ":"):
+                    return int(line.split()[1]) * 1024
+        raise RuntimeError("no %s in /proc/%d/status" % (field, self.process.pid))
+
+    def reset_peak(self):
+        # "5" sets the high-water mark back to the current resident size.
+        with open("/proc/%d/clear_refs" % self.process.pid, "w") as refs:
+            refs.write("5")
+
+    def logged(self):
+        self.log.seek(0)
+        return self.log.read().decode(errors="replace")[-4000:]
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+            try:
+                self.process.wait(20)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait(10)
+        self.process.stdout.close()
+
+
+def make_file(path, size):
+    with open(path, "wb") as out:
+        left = size
+        while left > 0:
+            chunk = os.urandom(min(MIB, left))
+            out.write(chunk)
+            left -= len(chunk)
+
+
+def curl_post(url, path, name):
+    """Seconds for one curl -F upload; fails unless the answer is 200."""
+    result = subprocess.run(
+        ["curl", "-sS", "--max-time", "300", "-o", "/dev/null", "-w", "%{http_code} %{time_total}",
+         "-F", "file=@%s;filename=%s" % (path, name), url],
+        capture_output=True, text=True, timeout=320)
+    fields = result.stdout.split()
+    if result.returncode != 0 or not fields or fields[0] != "200":
+        raise SystemExit("curl to %s failed: %s %s" % (url, result.stdout, result.stderr))
+    return float(fields[1])
+
+
+def disk_floor(source, directory):
+    """Seconds to write the file's bytes, already in memory, to the upload directory and fsync
+    them, as the server stores an upload (one write, fsync, rename, directory fsync)."""
+    with open(source, "rb") as file:
+        data = file.read()
+    temp = os.path.join(directory, "disk-floor.tmp")
+    target = os.path.join(directory, "disk-floor.bin")
+    started = time.perf_counter()
+    fd = os.open(temp, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+    view = memoryview(data)
+    while view:
+        view = view[os.write(fd, view):]
+    os.fsync(fd)
+    os.close(fd)
+    os.rename(temp, target)
+    dirfd = os.open(directory, os.O_RDONLY)
+    os.fsync(dirfd)
+    os.close(dirfd)
+    elapsed = time.perf_counter() - started
+    os.unlink(target)
+    return elapsed
+
+
+def small_uploads(server, count, connections, size):
+    boundary = "kestrinbench" + uuid.uuid4().hex
+    content = os.urandom(size)
+    latencies = []
+    failures = []
+    lock = threading.Lock()
+
+    def worker(index, uploads):
+        connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=60)
+        mine = []
+        try:
+            for i in range(uploads):
+                body = (("--%s\r\nContent-Disposition: form-data; name=\"file\"; "
+                         "filename=\"small-%d-%d.bin\"\r\n"
+                         "Content-Type: application/octet-stream\r\n\r\n")
+                        % (boundary, index, i)).encode() + content + \
+                    ("\r\n--%s--\r\n" % boundary).encode()
+                started = time.perf_counter()
+                connection.request("POST", "/users", body, {
+                    "Content-Type": "multipart/form-data; boundary=" + boundary})
+                response = connection.getresponse()
+                response.read()
+                mine.append(time.perf_counter() - started)
+                if response.status != 200:
+                    raise RuntimeError("status %d" % response.status)
+        except Exception as error:  # reported below, after every thread has ended
+            with lock:
+                failures.append("connection %d: %r" % (index, error))
+        finally:
+            connection.close()
+            with lock:
+                latencies.extend(mine)
+
+    share = [count // connections + (1 if i < count % connections else 0)
+             for i in range(connections)]
+    threads = [threading.Thread(target=worker, args=(i, share[i])) for i in range(connections)]
+    started = time.perf_counter()
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(300)
+    elapsed = time.perf_counter() - started
+    if failures or len(latencies) != count:
+        raise SystemExit("small uploads failed (%d of %d done): %s"
+                         % (len(latencies), count, "; ".join(failures[:5])))
+    latencies.sort()
+    return {
+        "rate": count / elapsed,
+        "p50": latencies[len(latencies) // 2],
+        "p99": latencies[min(len(latencies) - 1, (len(latencies) * 99) // 100)],
+        "elapsed": elapsed,
+    }
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--server", required=True, help="the kestrin-upload-server binary")
+    parser.add_argument("--size-mib", type=int, default=256, help="large upload size (256)")
+    parser.add_argument("--repeat", type=int, default=3, help="runs of each large measurement")
+    parser.add_argument("--small-count", type=int, default=2000, help="small uploads (2000)")
+    parser.add_argument("--connections", type=int, default=16, help="small-upload connections")
+    parser.add_argument("--small-kib", type=int, default=4, help="small upload size (4 KiB)")
+    parser.add_argument("--tmp", default=None, help="where the temporary directories go")
+    parser.add_argument("server_flags", nargs="*", help="more flags for the server, after --")
+    args = parser.parse_args()
+    args.repeat = max(1, min(args.repeat, 10))
+    args.small_count = max(args.connections, min(args.small_count, 100000))
+
+    size = args.size_mib * MIB
+    work = tempfile.mkdtemp(prefix="kestrin-e2e-bench-", dir=args.tmp)
+    server = None
+    try:
+        uploads = os.path.join(work, "uploads")
+        os.mkdir(uploads)
+        source = os.path.join(work, "large.bin")
+        make_file(source, size)
+        server = Server(args.server, uploads, args.server_flags)
+
+        network, disk, upload, peaks = [], [], [], []
+        idle = server.status("VmRSS")
+        for _ in range(args.repeat):
+            disk.append(disk_floor(source, uploads))
+            network.append(curl_post(server.url + DISCARD_ROUTE, source, "large.bin"))
+            server.reset_peak()
+            upload.append(curl_post(server.url + "/users", source, "large.bin"))
+            peaks.append(server.status("VmHWM"))
+            stored = os.path.join(uploads, "large.bin")
+            if os.path.getsize(stored) != size:
+                raise SystemExit("the stored file has %d bytes, not %d"
+                                 % (os.path.getsize(stored), size))
+            os.unlink(stored)
+        small = small_uploads(server, args.small_count, args.connections, args.small_kib * 1024)
+
+        net_s, disk_s, up_s = (statistics.median(v) for v in (network, disk, upload))
+        floor = max(net_s, disk_s)
+        peak = max(peaks)
+        rows = [
+            ("disk floor: write + fsync %d MiB" % args.size_mib, "%.3f s" % disk_s,
+             "%.0f MiB/s" % (args.size_mib / disk_s)),
+            ("network floor: curl -F to %s" % DISCARD_ROUTE, "%.3f s" % net_s,
+             "%.0f MiB/s" % (args.size_mib / net_s)),
+            ("upload: curl -F to /users", "%.3f s" % up_s, "%.0f MiB/s" % (args.size_mib / up_s)),
+            ("upload / slower floor (target <= 1.5)", "%.2f" % (up_s / floor), ""),
+            ("server peak RSS during upload", "%.0f MiB" % (peak / MIB),
+             "idle %.0f MiB" % (idle / MIB)),
+            ("peak RSS / body size (target <= 2.2)", "%.2f" % (peak / size), ""),
+            ("%d uploads of %d KiB, %d connections" % (args.small_count, args.small_kib,
+                                                       args.connections),
+             "%.0f /s" % small["rate"], "%.2f s total" % small["elapsed"]),
+            ("small upload latency p50 / p99", "%.1f ms" % (small["p50"] * 1000),
+             "%.1f ms" % (small["p99"] * 1000)),
+        ]
+        print("kestrin-upload-server end to end (median of %d runs for the large rows)"
+              % args.repeat)
+        width = max(len(row[0]) for row in rows)
+        for name, value, extra in rows:
+            print("  %-*s  %12s  %s" % (width, name, value, extra))
+        print("  raw seconds: disk %s, network %s, upload %s" % tuple(
+            " ".join("%.3f" % t for t in v) for v in (disk, network, upload)))
+    finally:
+        if server is not None:
+            server.kill()
+        shutil.rmtree(work, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    main()
