@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <exception>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -116,10 +118,19 @@ void DiskFileService::run() {
         Job job = std::move(queue.front());
         queue.pop_front();
         lock.unlock();
+        std::optional<file_common::v1::FileInfo> stored;
+        std::exception_ptr failure;
         try {
-            job.promise.setValue(store(job.file, job.overwrite));
-        } catch (const std::exception&) {
-            job.promise.setException(std::current_exception());
+            stored.emplace(store(job.file, job.overwrite));
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        // Resolve outside the handler, handing over the only reference to a failure: a copy
+        // released here while the waiter reads it would look like a race to ThreadSanitizer.
+        if (failure) {
+            job.promise.setException(std::move(failure));
+        } else {
+            job.promise.setValue(std::move(*stored));
         }
         lock.lock();
     }
