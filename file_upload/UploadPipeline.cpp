@@ -1,0 +1,78 @@
+#include "file_upload/UploadPipeline.h"
+
+#include "framework/Ost.h"
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+namespace kestrin::file_upload::v1 {
+
+namespace {
+
+// The texts a client sees on the result page when its body cannot be taken apart.
+constexpr const char* malformedRequest = "Malformed multi-part request";
+constexpr const char* noHeaderFields = "Malformed multi-part request, no header fields found";
+constexpr const char* noFileName = "Malformed multi-part request, no file name found";
+
+std::u16string storagePath(const std::string& filename) {
+    const std::string directory = ost::i18n::to_string(ost::filesystem::get_current_path());
+    const auto fromUtf8 = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
+    return ost::i18n::to_ustring(directory + "/" + filename, fromUtf8);
+}
+
+} // namespace
+
+void runUploadPipeline(const std::shared_ptr<file::v1::FileService>& fileService,
+                       MultipartUploadService& uploadService,
+                       const common::DataBuffer& boundaryMarker, common::DataBuffer& body) {
+    // Its size is the distance from a header block's blank line to the part's first byte.
+    static const common::DataBuffer headerTerminator("\r\n\r\n");
+
+    const size_t bodySize = body.getSize();
+    if (bodySize == 0) {
+        return;
+    }
+    std::map<std::string, std::string> headers;
+    common::DataBuffer content;
+    size_t searchStart = 0;
+    bool partOpen = false;
+    size_t headerEnd = 0;
+    for (;;) {
+        const auto [markerBegin, markerEnd, markerFound] = uploadService.findBoundaryMarkerIndex(
+            searchStart, body, common::DataBuffer(boundaryMarker));
+        if (!markerFound) {
+            throw std::runtime_error(malformedRequest);
+        }
+        // A part is stored once the boundary after it is known, before that boundary is
+        // looked at: the last part goes out on the pass that meets the closing "--".
+        if (partOpen) {
+            uploadService.extractDataFromRequest(headerEnd + headerTerminator.getSize(),
+                                                 markerBegin, body, content);
+            const auto filename = headers.find("filename");
+            if (filename == headers.end()) {
+                throw std::runtime_error(noFileName);
+            }
+            uploadService.writeFileToDisk(fileService, content, storagePath(filename->second));
+        }
+        if (markerEnd + 1 < bodySize && body[markerEnd] == '-' && body[markerEnd + 1] == '-') {
+            return;
+        }
+        const auto [terminatorIndex, terminatorFound] = uploadService.findHeaderFieldsIndex(
+            markerEnd, body, common::DataBuffer(headerTerminator));
+        if (!terminatorFound) {
+            throw std::runtime_error(noHeaderFields);
+        }
+        // Cleared per part, so a part without a filename fails instead of reusing the last name.
+        headers.clear();
+        uploadService.parseHeaders(body, headers, markerEnd, terminatorIndex - markerEnd);
+        partOpen = true;
+        headerEnd = terminatorIndex;
+        searchStart = terminatorIndex + headerTerminator.getSize();
+        if (searchStart >= bodySize) {
+            return;
+        }
+    }
+}
+
+} // namespace kestrin::file_upload::v1
