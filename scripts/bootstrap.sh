@@ -16,8 +16,15 @@ packages=(
 command -v node > /dev/null || packages+=(nodejs)
 command -v npm > /dev/null || packages+=(npm)
 
+# A node.js from another source (such as one that bundles npm) serves as well as Debian's,
+# whose npm package cannot be installed beside it.
+declare -A commands=([nodejs]=node [npm]=npm)
+
 missing=()
 for package in "${packages[@]}"; do
+    if [[ -n "${commands[$package]:-}" ]] && command -v "${commands[$package]}" > /dev/null; then
+        continue
+    fi
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
         missing+=("$package")
     fi

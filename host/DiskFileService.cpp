@@ -1,0 +1,199 @@
+#include "host/DiskFileService.h"
+
+#include "framework/Ost.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace kestrin::host {
+
+namespace {
+
+std::runtime_error systemError(const std::string& what) {
+    return std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+// Closes the descriptor unless it was handed over with release().
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int descriptor)
+        : fd(descriptor) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    int get() const noexcept { return fd; }
+    int release() noexcept { return std::exchange(fd, -1); }
+
+private:
+    int fd;
+};
+
+void writeAll(int fd, const uint8_t* bytes, size_t count) {
+    while (count > 0) {
+        const ssize_t written = ::write(fd, bytes, count);
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throw systemError("write failed");
+        }
+        bytes += written;
+        count -= static_cast<size_t>(written);
+    }
+}
+
+} // namespace
+
+DiskFileService::DiskFileService(const std::string& uploadDirectory) {
+    std::unique_ptr<char, decltype(&std::free)> resolved(
+        ::realpath(uploadDirectory.c_str(), nullptr), &std::free);
+    if (!resolved) {
+        throw systemError("Cannot resolve upload directory " + uploadDirectory);
+    }
+    directory = resolved.get();
+    removeLeftovers();
+    writer = std::thread([this] { run(); });
+}
+
+DiskFileService::~DiskFileService() {
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        stopping = true;
+    }
+    wake.notify_all();
+    writer.join();
+}
+
+Future<file_common::v1::FileInfo> DiskFileService::writeFile(file_common::v1::File&& file,
+                                                             bool overwrite) {
+    Promise<file_common::v1::FileInfo> promise;
+    Future<file_common::v1::FileInfo> future = promise.getFuture();
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        queue.push_back(Job{std::move(file), overwrite, std::move(promise)});
+    }
+    wake.notify_one();
+    return future;
+}
+
+void DiskFileService::run() {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+        // Jobs queued before the stop are still written: their callers are waiting.
+        wake.wait(lock, [this] { return stopping || !queue.empty(); });
+        if (queue.empty()) {
+            return;
+        }
+        Job job = std::move(queue.front());
+        queue.pop_front();
+        lock.unlock();
+        try {
+            job.promise.setValue(store(job.file, job.overwrite));
+        } catch (const std::exception&) {
+            job.promise.setException(std::current_exception());
+        }
+        lock.lock();
+    }
+}
+
+std::string DiskFileService::targetName(const std::u16string& path) const {
+    const std::string text = ost::i18n::to_string(path);
+    const std::string prefix = directory + "/";
+    if (text.compare(0, prefix.size(), prefix) != 0) {
+        throw std::runtime_error("Refused path " + text + ": it is not in the upload directory");
+    }
+    const std::string name = text.substr(prefix.size());
+    if (name.empty()) {
+        throw std::runtime_error("Refused file name: it is empty");
+    }
+    if (name == "." || name == "..") {
+        throw std::runtime_error("Refused file name '" + name + "': it names a directory");
+    }
+    if (name.find('/') != std::string::npos) {
+        throw std::runtime_error("Refused file name '" + name + "': it contains a path separator");
+    }
+    if (name.find('\0') != std::string::npos) {
+        throw std::runtime_error("Refused file name: it contains a NUL byte");
+    }
+    if (name.compare(0, tempPrefix.size(), tempPrefix) == 0) {
+        throw std::runtime_error("Refused file name '" + name +
+                                 "': it is reserved for temporary files");
+    }
+    return name;
+}
+
+file_common::v1::FileInfo DiskFileService::store(file_common::v1::File& file,
+                                                 bool overwrite) const {
+    const std::string name = targetName(file.info.path);
+    const std::string target = directory + "/" + name;
+    std::string temp = directory + "/" + std::string(tempPrefix) + "XXXXXX";
+
+    FileDescriptor out(::mkstemp(temp.data()));
+    if (out.get() < 0) {
+        throw systemError("Cannot create a temporary file for " + name);
+    }
+    try {
+        // mkstemp makes the file private; a stored upload is readable like any other file.
+        if (::fchmod(out.get(), 0644) != 0) {
+            throw systemError("Cannot set the permissions of " + name);
+        }
+        const size_t size = file.content.getSize();
+        if (size > 0) {
+            writeAll(out.get(), file.content.bytes(), size);
+        }
+        if (::fsync(out.get()) != 0) {
+            throw systemError("Cannot flush " + name);
+        }
+        if (::close(out.release()) != 0) {
+            throw systemError("Cannot close " + name);
+        }
+        const int renamed = overwrite ? ::rename(temp.c_str(), target.c_str())
+                                      : ::renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD,
+                                                    target.c_str(), RENAME_NOREPLACE);
+        if (renamed != 0) {
+            throw systemError("Cannot store " + name);
+        }
+    } catch (...) {
+        ::unlink(temp.c_str());
+        throw;
+    }
+    // The rename is durable only once the directory entry is on disk too.
+    FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.get() >= 0) {
+        ::fsync(dir.get());
+    }
+
+    file_common::v1::FileInfo info(file.info.path);
+    info.attributes["size"] = static_cast<uint64_t>(file.content.getSize());
+    return info;
+}
+
+void DiskFileService::removeLeftovers() const {
+    const auto closeListing = [](DIR* listing) { ::closedir(listing); };
+    std::unique_ptr<DIR, decltype(closeListing)> listing(::opendir(directory.c_str()),
+                                                         closeListing);
+    if (!listing) {
+        throw systemError("Cannot read upload directory " + directory);
+    }
+    while (const dirent* entry = ::readdir(listing.get())) {
+        const std::string_view name(entry->d_name);
+        if (name.compare(0, tempPrefix.size(), tempPrefix) == 0) {
+            ::unlinkat(::dirfd(listing.get()), entry->d_name, 0);
+        }
+    }
+}
+
+} // namespace kestrin::host

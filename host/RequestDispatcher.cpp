@@ -1,0 +1,101 @@
+#include "host/RequestDispatcher.h"
+
+#include "framework/HttpRequest.h"
+#include "framework/HttpResponse.h"
+#include "framework/ServiceMessage.h"
+#include "host/DemoPage.h"
+#include "reactive_streams/OneShotPublisher.h"
+
+#include <exception>
+#include <utility>
+
+namespace kestrin::host {
+
+namespace {
+
+constexpr std::string_view htmlType = "text/html; charset=utf-8";
+constexpr std::string_view textType = "text/plain; charset=utf-8";
+
+// Shown for failures of the service call; the reason goes to the log, not to the client.
+constexpr std::string_view unavailableText =
+    "Service Unavailable: the upload service is not running";
+constexpr std::string_view internalErrorText = "Internal Server Error";
+
+} // namespace
+
+RequestDispatcher::RequestDispatcher(std::shared_ptr<const RouteTable> routeTable)
+    : routes(std::move(routeTable)) {}
+
+void RequestDispatcher::addService(const Address& address,
+                                   std::shared_ptr<http::HttpServiceProvider> provider) {
+    services.insert_or_assign(address.getName(), std::move(provider));
+}
+
+RequestDispatcher::Destination RequestDispatcher::route(std::string_view method,
+                                                        const std::string& path) const {
+    if (const std::optional<Address> address = routes->find(path)) {
+        const auto service = services.find(address->getName());
+        if (service != services.end()) {
+            return Destination{Destination::Kind::service, service->second, *address};
+        }
+    } else if (path == "/" && method == "GET") {
+        return Destination{Destination::Kind::demoPage, nullptr, Address()};
+    }
+    return Destination{Destination::Kind::notFound, nullptr, Address()};
+}
+
+Reply RequestDispatcher::callService(http::HttpServiceProvider& provider, const Address& address,
+                                     std::optional<std::string> boundary,
+                                     common::DataBuffer&& body) {
+    try {
+        http::HttpRequest::Parameters parameters;
+        if (boundary) {
+            parameters.emplace("boundary", std::move(*boundary));
+        }
+        std::shared_ptr<http::HttpRequest::Body> stream;
+        if (body.getSize() > 0) {
+            stream = std::make_shared<reactive_streams::OneShotPublisher<common::DataBuffer>>(
+                std::move(body));
+        }
+        std::unique_ptr<Message> message =
+            std::make_unique<ServiceMessage<http::HttpServiceProvider>>(
+                std::make_unique<http::HttpRequest>(std::move(stream), std::move(parameters)));
+
+        Future<std::unique_ptr<Message>> future = provider.processMessage(
+            std::move(message), Address(address), std::make_shared<Context>());
+        std::unique_ptr<Message> answer;
+        try {
+            answer = future.get();
+        } catch (const std::runtime_error& refusal) {
+            // The service refuses messages while it is not running: a passing state.
+            if (!provider.running.load()) {
+                return plainText(503, unavailableText, refusal.what());
+            }
+            throw;
+        }
+        auto* response = dynamic_cast<http::HttpResponse*>(answer.get());
+        if (response == nullptr) {
+            return plainText(500, internalErrorText, "the service answered without a response");
+        }
+        return Reply{response->getStatus(), std::string(htmlType), response->takeBodyBytes(), {}};
+    } catch (const std::exception& error) {
+        return plainText(500, internalErrorText, error.what());
+    } catch (...) {
+        return plainText(500, internalErrorText, "unknown exception");
+    }
+}
+
+Reply RequestDispatcher::plainText(unsigned status, std::string_view text, std::string detail) {
+    common::DataBuffer body;
+    body.append(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    body.pushBack('\n');
+    return Reply{status, std::string(textType), std::move(body), std::move(detail)};
+}
+
+Reply RequestDispatcher::demoPageReply() {
+    common::DataBuffer body;
+    body.append(reinterpret_cast<const uint8_t*>(demoPage.data()), demoPage.size());
+    return Reply{200, std::string(htmlType), std::move(body), {}};
+}
+
+} // namespace kestrin::host

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "common/DataBuffer.h"
+#include "framework/HttpServiceProvider.h"
+#include "framework/Message.h"
+#include "host/RouteTable.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace kestrin::host {
+
+// What goes back to the client: status, Content-Type and the body bytes. detail says, for
+// the log only, why a host error was sent.
+struct Reply {
+    unsigned status;
+    std::string contentType;
+    common::DataBuffer body;
+    std::string detail;
+};
+
+// Plays the framework between the HTTP side and the services: decides from a request's
+// method and decoded path where it goes, and hands requests to a service the way the
+// framework does (a ServiceMessage through processMessage). Services are registered before
+// the server starts; after that, route and callService may run on any thread at once.
+class RequestDispatcher {
+public:
+    struct Destination {
+        enum class Kind { demoPage, service, notFound };
+        Kind kind;
+        std::shared_ptr<http::HttpServiceProvider> provider;
+        Address address;
+    };
+
+    explicit RequestDispatcher(std::shared_ptr<const RouteTable> routeTable);
+
+    // Makes a service reachable under its address, as the framework's service registry does.
+    void addService(const Address& address, std::shared_ptr<http::HttpServiceProvider> provider);
+
+    // GET "/" is the demo page; a routed path goes to its service whatever the method; any
+    // other path, and a route to an address without a service, is not found.
+    [[nodiscard]] Destination route(std::string_view method, const std::string& path) const;
+
+    // Delivers one request to provider and waits for its answer, so it blocks while the
+    // service works: call it on a service thread. The body becomes the request's body stream
+    // only when it holds at least one byte; boundary is filed under "boundary" when present.
+    // Never throws: a refused message is 503, any other failure 500.
+    static Reply callService(http::HttpServiceProvider& provider, const Address& address,
+                             std::optional<std::string> boundary, common::DataBuffer&& body);
+
+    static Reply plainText(unsigned status, std::string_view text, std::string detail = {});
+    static Reply demoPageReply();
+
+private:
+    std::shared_ptr<const RouteTable> routes;
+    std::unordered_map<std::string, std::shared_ptr<http::HttpServiceProvider>> services;
+};
+
+} // namespace kestrin::host

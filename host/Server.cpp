@@ -1,0 +1,481 @@
+#include "host/Server.h"
+
+#include "host/DataBufferBody.h"
+#include "host/HttpRules.h"
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+
+#include <atomic>
+#include <csignal>
+#include <exception>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kestrin::host {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
+
+namespace {
+
+constexpr std::uint32_t headerLimit = 16 * 1024;
+// Beast reads no more at once than the read buffer's free capacity, at least 512 bytes and
+// at most 64 KiB: give it the full 64 KiB, or a large body takes a system call per 512 bytes.
+constexpr std::size_t readBufferSize = 64 * 1024;
+// How long a connection that is being closed may go on sending what we will not read.
+constexpr std::chrono::seconds drainLimit{5};
+constexpr const char* serverName = "kestrin-upload-server";
+
+// One write per line, so lines from several threads never interleave.
+void writeLog(const std::string& line) {
+    const ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+    (void)ignored;
+}
+
+// The one place that reports IO failures; step names what failed.
+void reportFailure(std::string_view step, const beast::error_code& ec) {
+    writeLog(std::string(serverName) + ": " + std::string(step) + ": " + ec.message() + "\n");
+}
+
+std::string toString(beast::string_view text) {
+    return std::string(text.data(), text.size());
+}
+
+class Session;
+
+// What every session shares with the server: its settings, the dispatcher, the service
+// threads, the stop flag and the live sessions (so a stop can reach the idle ones).
+struct Shared {
+    Shared(const ServerOptions& serverOptions, std::shared_ptr<const RequestDispatcher> router)
+        : options(serverOptions)
+        , dispatcher(std::move(router))
+        , services(serverOptions.threads) {}
+
+    ServerOptions options;
+    std::shared_ptr<const RequestDispatcher> dispatcher;
+    net::thread_pool services;
+    std::atomic<bool> stopping{false};
+    std::mutex mutex;
+    std::unordered_map<const Session*, std::weak_ptr<Session>> sessions;
+};
+
+// One connection: reads requests one after another, hands each to the dispatcher and writes
+// its reply. Kept alive by the handlers of its pending operation (or of its service call),
+// all of which run on the connection's strand.
+class Session : public std::enable_shared_from_this<Session> {
+public:
+    Session(tcp::socket&& socket, std::shared_ptr<Shared> sharedState)
+        : stream(std::move(socket))
+        , shared(std::move(sharedState)) {
+        buffer.reserve(readBufferSize);
+    }
+
+    ~Session() {
+        std::lock_guard<std::mutex> guard(shared->mutex);
+        shared->sessions.erase(this);
+    }
+
+    void run() {
+        {
+            std::lock_guard<std::mutex> guard(shared->mutex);
+            shared->sessions.emplace(this, weak_from_this());
+        }
+        net::dispatch(stream.get_executor(),
+                      beast::bind_front_handler(&Session::doRead, shared_from_this()));
+    }
+
+    // Server stop: a connection waiting for its next request closes now; one with a request
+    // in flight answers it first and then closes.
+    void stop() {
+        net::dispatch(stream.get_executor(), [self = shared_from_this()] {
+            if (!self->busy) {
+                self->stream.cancel();
+            }
+        });
+    }
+
+private:
+    void doRead() {
+        if (shared->stopping.load()) {
+            return doClose(false);
+        }
+        busy = false;
+        bytesIn = 0;
+        parser.emplace();
+        parser->header_limit(headerLimit);
+        parser->body_limit(shared->options.maxBody);
+        stream.expires_after(shared->options.idleTimeout);
+        http::async_read_header(
+            stream, buffer, *parser,
+            beast::bind_front_handler(&Session::onReadHeader, shared_from_this()));
+    }
+
+    void onReadHeader(beast::error_code ec, std::size_t) {
+        if (ec == http::error::end_of_stream || ec == beast::error::timeout ||
+            ec == net::error::operation_aborted) {
+            return doClose(false);
+        }
+        busy = true;
+        started = std::chrono::steady_clock::now();
+        const auto& request = parser->get();
+        method = toString(request.method_string());
+        target = toString(request.target());
+        version = request.version() ? request.version() : 11;
+        keepAlive = false;
+        requestRead = false;
+
+        if (ec == http::error::header_limit) {
+            return sendReply(RequestDispatcher::plainText(431, "Request Header Fields Too Large"));
+        }
+        if (ec == http::error::body_limit) {
+            return sendReply(RequestDispatcher::plainText(413, "Payload Too Large"));
+        }
+        if (ec) {
+            if (ec.category() == http::make_error_code(http::error::bad_target).category() &&
+                ec != http::error::partial_message) {
+                return sendReply(RequestDispatcher::plainText(400, "Bad Request", ec.message()));
+            }
+            reportFailure("read header", ec);
+            return doClose(false);
+        }
+        keepAlive = request.keep_alive();
+        requestRead = parser->is_done();
+
+        const std::optional<std::string> path = decodeTargetPath(target);
+        if (!path) {
+            return sendReply(RequestDispatcher::plainText(
+                400, "Bad Request: malformed percent-escape in the request target"));
+        }
+        destination = shared->dispatcher->route(method, *path);
+        switch (destination.kind) {
+        case RequestDispatcher::Destination::Kind::demoPage:
+            return sendReply(RequestDispatcher::demoPageReply());
+        case RequestDispatcher::Destination::Kind::notFound:
+            return sendReply(RequestDispatcher::plainText(404, "Not Found"));
+        case RequestDispatcher::Destination::Kind::service:
+            break;
+        }
+        if (beast::iequals(request[http::field::expect], "100-continue")) {
+            return doContinue();
+        }
+        doReadBody();
+    }
+
+    // Clients that wait for a go-ahead before sending a large body get it only here, after
+    // the header passed every check.
+    void doContinue() {
+        auto interim =
+            std::make_shared<http::response<http::empty_body>>(http::status::continue_, version);
+        stream.expires_after(shared->options.idleTimeout);
+        http::async_write(stream, *interim,
+                          [self = shared_from_this(), interim](beast::error_code ec, std::size_t) {
+                              if (ec) {
+                                  reportFailure("write 100-continue", ec);
+                                  return self->doClose(false);
+                              }
+                              self->doReadBody();
+                          });
+    }
+
+    // Reads the body piece by piece, so the idle timeout counts from the last bytes that
+    // arrived rather than from the start of a long upload.
+    void doReadBody() {
+        if (parser->is_done()) {
+            return callService();
+        }
+        stream.expires_after(shared->options.idleTimeout);
+        http::async_read_some(stream, buffer, *parser,
+                              beast::bind_front_handler(&Session::onReadBody, shared_from_this()));
+    }
+
+    void onReadBody(beast::error_code ec, std::size_t) {
+        if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
+            return sendReply(RequestDispatcher::plainText(413, "Payload Too Large"));
+        }
+        if (ec == boost::system::errc::not_enough_memory) {
+            return sendReply(RequestDispatcher::plainText(
+                503, "Service Unavailable: not enough memory for this request body"));
+        }
+        if (ec) {
+            // The client went away or stalled mid-body: nobody is left to answer.
+            reportFailure("read body", ec);
+            return doClose(false);
+        }
+        doReadBody();
+    }
+
+    void callService() {
+        requestRead = true;
+        http::request<DataBufferBody> request = parser->release();
+        keepAlive = request.keep_alive();
+        std::optional<std::string> boundary;
+        const auto contentType = request.find(http::field::content_type);
+        if (contentType != request.end()) {
+            const beast::string_view value = contentType->value();
+            boundary = findBoundaryParameter(std::string_view(value.data(), value.size()));
+        }
+        bytesIn = request.body().getSize();
+
+        // The guard keeps the IO threads running until the reply has been handed back.
+        net::post(shared->services, [self = shared_from_this(),
+                                     work = net::make_work_guard(stream.get_executor()),
+                                     provider = destination.provider, address = destination.address,
+                                     boundary = std::move(boundary),
+                                     body = std::move(request.body())]() mutable {
+            Reply reply = RequestDispatcher::callService(*provider, address, std::move(boundary),
+                                                         std::move(body));
+            net::post(self->stream.get_executor(), [self, reply = std::move(reply)]() mutable {
+                self->sendReply(std::move(reply));
+            });
+        });
+    }
+
+    void sendReply(Reply&& reply) {
+        // A request whose body was not read leaves the connection at an unknown point of the
+        // byte stream: answer and close.
+        const bool close = !keepAlive || !requestRead || shared->stopping.load();
+        auto response = std::make_shared<http::response<DataBufferBody>>();
+        response->version(version);
+        response->result(reply.status);
+        response->set(http::field::server, serverName);
+        response->set(http::field::content_type, reply.contentType);
+        response->body() = std::move(reply.body);
+        response->keep_alive(!close);
+        response->prepare_payload();
+        logRequest(reply.status, reply.detail);
+
+        stream.expires_after(shared->options.idleTimeout);
+        http::async_write(stream, *response,
+                          [self = shared_from_this(), response,
+                           close](beast::error_code ec, std::size_t) { self->onWrite(close, ec); });
+    }
+
+    void onWrite(bool close, beast::error_code ec) {
+        if (ec) {
+            reportFailure("write", ec);
+            return doClose(false);
+        }
+        if (close) {
+            return doClose(!requestRead);
+        }
+        doRead();
+    }
+
+    // Half-closes, then optionally reads and drops whatever the client still sends: closing
+    // a socket with unread input resets the connection, and the client might lose the reply.
+    void doClose(bool drain) {
+        beast::error_code ignored;
+        stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        if (!drain) {
+            return;
+        }
+        busy = true;
+        stream.expires_after(drainLimit);
+        doDrain();
+    }
+
+    void doDrain() {
+        stream.async_read_some(buffer.prepare(64 * 1024),
+                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                                   if (!ec) {
+                                       self->doDrain();
+                                   }
+                               });
+    }
+
+    void logRequest(unsigned status, const std::string& detail) {
+        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - started);
+        std::string line = method + " " + target + " " + std::to_string(status) + " " +
+                           std::to_string(bytesIn) + " " + std::to_string(elapsed.count()) + "ms";
+        if (!detail.empty()) {
+            line += " (" + detail + ")";
+        }
+        line += "\n";
+        writeLog(line);
+    }
+
+    beast::tcp_stream stream;
+    beast::flat_buffer buffer;
+    std::shared_ptr<Shared> shared;
+    std::optional<http::request_parser<DataBufferBody>> parser;
+    RequestDispatcher::Destination destination{RequestDispatcher::Destination::Kind::notFound,
+                                               nullptr, Address()};
+    std::string method;
+    std::string target;
+    std::chrono::steady_clock::time_point started;
+    std::uint64_t bytesIn = 0;
+    unsigned version = 11;
+    bool keepAlive = false;
+    bool requestRead = false; // the whole request, body included, has been consumed
+    bool busy = false;        // a request is in flight: a stop lets it finish
+};
+
+// Accepts connections and starts a session for each, until the server stops.
+class Listener : public std::enable_shared_from_this<Listener> {
+public:
+    Listener(net::io_context& context, const tcp::endpoint& endpoint,
+             std::shared_ptr<Shared> sharedState)
+        : ioc(context)
+        , acceptor(net::make_strand(context))
+        , shared(std::move(sharedState)) {
+        beast::error_code ec;
+        const auto check = [&](std::string_view step) {
+            if (ec) {
+                throw std::runtime_error("cannot " + std::string(step) + " " +
+                                         endpoint.address().to_string() + ":" +
+                                         std::to_string(endpoint.port()) + ": " + ec.message());
+            }
+        };
+        acceptor.open(endpoint.protocol(), ec);
+        check("open a socket for");
+        acceptor.set_option(net::socket_base::reuse_address(true), ec);
+        check("set options on");
+        acceptor.bind(endpoint, ec);
+        check("listen on");
+        acceptor.listen(net::socket_base::max_listen_connections, ec);
+        check("listen on");
+    }
+
+    unsigned short port() const { return acceptor.local_endpoint().port(); }
+
+    void run() {
+        net::dispatch(acceptor.get_executor(),
+                      beast::bind_front_handler(&Listener::doAccept, shared_from_this()));
+    }
+
+    void stop() {
+        net::dispatch(acceptor.get_executor(), [self = shared_from_this()] {
+            beast::error_code ignored;
+            self->acceptor.close(ignored);
+        });
+    }
+
+private:
+    void doAccept() {
+        acceptor.async_accept(net::make_strand(ioc),
+                              beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
+    }
+
+    void onAccept(beast::error_code ec, tcp::socket socket) {
+        if (ec == net::error::operation_aborted || !acceptor.is_open()) {
+            return;
+        }
+        if (ec) {
+            reportFailure("accept", ec);
+        } else {
+            std::make_shared<Session>(std::move(socket), shared)->run();
+        }
+        if (!shared->stopping.load()) {
+            doAccept();
+        }
+    }
+
+    net::io_context& ioc;
+    tcp::acceptor acceptor;
+    std::shared_ptr<Shared> shared;
+};
+
+} // namespace
+
+struct Server::State {
+    State(const ServerOptions& options, std::shared_ptr<const RequestDispatcher> dispatcher)
+        : ioc(static_cast<int>(options.threads))
+        , signals(ioc, SIGINT, SIGTERM)
+        , shared(std::make_shared<Shared>(options, std::move(dispatcher))) {
+        beast::error_code ec;
+        const auto address = net::ip::make_address(options.address, ec);
+        if (ec) {
+            throw std::runtime_error("invalid listen address " + options.address + ": " +
+                                     ec.message());
+        }
+        listener = std::make_shared<Listener>(ioc, tcp::endpoint(address, options.port), shared);
+    }
+
+    void beginStop() {
+        shared->stopping.store(true);
+        listener->stop();
+        std::vector<std::shared_ptr<Session>> live;
+        {
+            std::lock_guard<std::mutex> guard(shared->mutex);
+            for (const auto& entry : shared->sessions) {
+                if (auto session = entry.second.lock()) {
+                    live.push_back(std::move(session));
+                }
+            }
+        }
+        for (const auto& session : live) {
+            session->stop();
+        }
+    }
+
+    // A handler that throws must not take an IO thread down with it.
+    void runIo() {
+        for (;;) {
+            try {
+                ioc.run();
+                return;
+            } catch (const std::exception& error) {
+                writeLog(std::string(serverName) + ": unexpected failure: " + error.what() + "\n");
+            }
+        }
+    }
+
+    net::io_context ioc;
+    // Installed with the listening socket, so a signal that comes as soon as the server
+    // says it listens is already ours.
+    net::signal_set signals;
+    std::shared_ptr<Shared> shared;
+    std::shared_ptr<Listener> listener;
+};
+
+Server::Server(const ServerOptions& options, std::shared_ptr<const RequestDispatcher> dispatcher)
+    : state(std::make_unique<State>(options, std::move(dispatcher))) {}
+
+Server::~Server() = default;
+
+unsigned short Server::port() const {
+    return state->listener->port();
+}
+
+void Server::run() {
+    // Signals wait only once: after the first, the server is already on its way out.
+    state->signals.async_wait([this](beast::error_code ec, int) {
+        if (!ec) {
+            state->beginStop();
+        }
+    });
+    state->listener->run();
+
+    std::vector<std::thread> threads;
+    const unsigned count = std::max(1u, state->shared->options.threads);
+    threads.reserve(count - 1);
+    for (unsigned i = 1; i < count; ++i) {
+        threads.emplace_back([this] { state->runIo(); });
+    }
+    state->runIo();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    state->shared->services.join();
+}
+
+} // namespace kestrin::host

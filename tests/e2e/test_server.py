@@ -1,0 +1,301 @@
+#!/usr/bin/env python3
+"""End-to-end tests of kestrin-upload-server: the real binary on 127.0.0.1 (a free port) in a
+temporary directory, driven by real curl and by plain sockets where the exact bytes matter.
+
+The server binary comes from KESTRIN_SERVER (set by CTest) or the first argument."""
+
+import hashlib
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+SERVER = os.environ.get("KESTRIN_SERVER", "")
+
+SUCCESS_PAGE = (b'<html>\n<head>\n<script>\nparent.postMessage("SUCCESS", "*");\n'
+                b'</script>\n</head>\n<body>\n</body>\n</html>\n')
+
+
+def result_page(message):
+    return (b'<html>\n<head>\n<script>\nparent.postMessage("' + message.encode() +
+            b'", "*");\n</script>\n</head>\n<body>\n</body>\n</html>\n')
+
+
+def page_message(page):
+    match = re.fullmatch(rb'<html>\n<head>\n<script>\nparent\.postMessage\("(.*)", "\*"\);\n'
+                         rb'</script>\n</head>\n<body>\n</body>\n</html>\n', page, re.S)
+    return match.group(1).decode() if match else None
+
+
+def sha256(path):
+    with open(path, "rb") as file:
+        return hashlib.sha256(file.read()).hexdigest()
+
+
+class Server:
+    """One server process. start() returns once it has said where it listens; stop() sends
+    SIGTERM and returns the exit code; kill() is the last resort and always safe."""
+
+    def __init__(self, directory, *flags):
+        self.directory = directory
+        self.log = tempfile.TemporaryFile()
+        self.process = subprocess.Popen(
+            [SERVER, "--listen", "127.0.0.1:0", "--dir", directory, "--threads", "2", *flags],
+            stdout=subprocess.PIPE, stderr=self.log)
+        line = self._first_line(timeout=20)
+        match = re.fullmatch(r"listening on http://127\.0\.0\.1:(\d+)/\n", line)
+        if not match:
+            self.kill()
+            raise AssertionError("unexpected start-up line %r; log:\n%s" % (line, self.logged()))
+        self.port = int(match.group(1))
+        self.url = "http://127.0.0.1:%d" % self.port
+
+    def _first_line(self, timeout):
+        lines = []
+        reader = threading.Thread(target=lambda: lines.append(self.process.stdout.readline()))
+        reader.daemon = True
+        reader.start()
+        reader.join(timeout)
+        return lines[0].decode() if lines else ""
+
+    def stop(self, timeout=20):
+        self.process.send_signal(signal.SIGTERM)
+        try:
+            return self.process.wait(timeout)
+        finally:
+            self.kill()
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait(10)
+        self.process.stdout.close()
+
+    def close(self):
+        self.kill()
+        self.log.close()
+
+    def logged(self):
+        self.log.seek(0)
+        return self.log.read().decode(errors="replace")
+
+
+class ServerTestCase(unittest.TestCase):
+    """A fresh root per class: root/uploads is the upload directory, root/files the files sent,
+    so anything written outside the upload directory shows up in root."""
+
+    flags = ()
+
+    @classmethod
+    def setUpClass(cls):
+        if not SERVER or not os.access(SERVER, os.X_OK):
+            raise unittest.SkipTest("KESTRIN_SERVER does not name the server binary")
+        cls.root = tempfile.mkdtemp(prefix="kestrin-e2e-")
+        cls.uploads = os.path.join(cls.root, "uploads")
+        cls.files = os.path.join(cls.root, "files")
+        os.mkdir(cls.files)
+        cls.server = Server(cls.uploads, *cls.flags)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.close()
+        shutil.rmtree(cls.root, ignore_errors=True)
+
+    def make_file(self, name, content):
+        path = os.path.join(self.files, name)
+        with open(path, "wb") as file:
+            file.write(content)
+        return path
+
+    def curl(self, path, *arguments):
+        """Runs curl against the server; returns (status, body)."""
+        body_file = os.path.join(self.root, "response")
+        command = ["curl", "-sS", "--max-time", "60", "-o", body_file, "-w", "%{http_code}",
+                   *arguments, self.server.url + path]
+        done = subprocess.run(command, capture_output=True, timeout=90)
+        self.assertEqual(done.returncode, 0, done.stderr.decode())
+        with open(body_file, "rb") as file:
+            return int(done.stdout), file.read()
+
+    def upload(self, route, *parts):
+        arguments = []
+        for part in parts:
+            arguments += ["-F", part]
+        return self.curl(route, *arguments)
+
+    def assert_outside_untouched(self):
+        self.assertEqual(sorted(os.listdir(self.root)), ["files", "response", "uploads"])
+        for name in os.listdir(self.uploads):
+            self.assertFalse(name.startswith(".kestrin-upload-"), name)
+
+
+class UploadTest(ServerTestCase):
+    flags = ("--max-body", "4M")
+
+    def test_several_files_to_each_route_are_stored_byte_for_byte(self):
+        for route, prefix in (("/users", "users"), ("/ORVANE%20Drive", "drive")):
+            with self.subTest(route=route):
+                sent = {
+                    prefix + "-empty.bin": b"",
+                    prefix + "-small.txt": b"hello\n",
+                    prefix + "-random.bin": os.urandom(300 * 1024),
+                    prefix + "-large.bin": os.urandom(3 * 1024 * 1024),
+                }
+                parts = ["file=@" + self.make_file(name, data) for name, data in sent.items()]
+                status, body = self.upload(route, *parts)
+                self.assertEqual((status, body), (200, SUCCESS_PAGE))
+                for name, data in sent.items():
+                    stored = os.path.join(self.uploads, name)
+                    self.assertEqual(sha256(stored), hashlib.sha256(data).hexdigest(), name)
+        self.assert_outside_untouched()
+
+    def test_binary_content_with_line_breaks_and_dashes_is_stored_intact(self):
+        content = (b"--\r\n--\r\n\r\n" + b"\r\n--------------------------" * 50 + b"\x00\xff\r" +
+                   bytes(range(256)) * 40 + b"\r\n--")
+        path = self.make_file("tricky.bin", content)
+        status, body = self.upload("/users", "file=@" + path)
+        self.assertEqual((status, body), (200, SUCCESS_PAGE))
+        self.assertEqual(sha256(os.path.join(self.uploads, "tricky.bin")),
+                         hashlib.sha256(content).hexdigest())
+
+    def test_a_non_ascii_name_is_stored_under_that_name(self):
+        name = "r\u00e9sum\u00e9 \u65e5\u672c \u0416.txt"
+        path = self.make_file("plain.txt", "caf\u00e9".encode())
+        status, body = self.upload("/ORVANE%20Drive", "file=@%s;filename=%s" % (path, name))
+        self.assertEqual((status, body), (200, SUCCESS_PAGE))
+        with open(os.path.join(self.uploads, name).encode(), "rb") as file:
+            self.assertEqual(file.read(), "caf\u00e9".encode())
+
+    def test_requests_the_module_refuses_get_its_400_pages(self):
+        cases = [
+            ("no body", ["-X", "POST"], "Request Body is corrupted or null"),
+            ("no boundary", ["-H", "Content-Type: multipart/form-data", "--data-binary", "x"],
+             "Malformed multipart request - boundary not defined"),
+        ]
+        for name, arguments, message in cases:
+            with self.subTest(name):
+                self.assertEqual(self.curl("/users", *arguments), (400, result_page(message)))
+
+        status, body = self.curl("/users", "-H", "Content-Type: multipart/form-data; boundary=xyz",
+                                 "--data-binary", "no boundary anywhere in here")
+        self.assertEqual(status, 400)
+        self.assertTrue(page_message(body).startswith("Malformed multi-part request"), body)
+
+        status, body = self.upload("/users", "field=just a value")
+        self.assertEqual((status, page_message(body)),
+                         (400, "Malformed multi-part request, no file name found"))
+        self.assert_outside_untouched()
+
+    def test_names_that_leave_the_directory_are_refused_and_nothing_is_written(self):
+        path = self.make_file("escape.txt", b"must not leave the upload directory")
+        for name, reason in (("../escape.txt", "path separator"), ("sub/escape.txt",
+                             "path separator"), ("..", "names a directory"),
+                             ("/tmp/escape.txt", "path separator")):
+            with self.subTest(name):
+                status, body = self.upload("/users", "file=@%s;filename=%s" % (path, name))
+                self.assertEqual(status, 400)
+                self.assertIn(reason, page_message(body))
+        self.assert_outside_untouched()
+        self.assertNotIn("escape.txt", os.listdir(self.uploads))
+
+    def test_host_errors_are_plain_text_and_the_server_keeps_serving(self):
+        self.assertEqual(self.curl("/nowhere"), (404, b"Not Found\n"))
+        self.assertEqual(self.curl("/users/", "-F", "file=@" + self.make_file("n", b"n")),
+                         (404, b"Not Found\n"))
+        self.assertEqual(self.curl("/bad%zzescape")[0], 400)
+
+        big = self.make_file("big.bin", os.urandom(5 * 1024 * 1024))
+        # With and without waiting for "100 Continue": either way the body is never stored.
+        self.assertEqual(self.upload("/users", "file=@" + big), (413, b"Payload Too Large\n"))
+        self.assertEqual(self.curl("/users", "-H", "Expect:", "-F", "file=@" + big),
+                         (413, b"Payload Too Large\n"))
+        self.assertNotIn("big.bin", os.listdir(self.uploads))
+
+        self.assertEqual(self.curl("/", "-H", "X-Padding: " + "p" * 17000),
+                         (431, b"Request Header Fields Too Large\n"))
+
+        status, page = self.curl("/")
+        self.assertEqual(status, 200)
+        self.assertIn(b'<input id="files" type="file" name="file" multiple>', page)
+
+    def test_the_access_log_has_one_line_per_request(self):
+        self.curl("/never-routed-path")
+        lines = [line for line in self.server.logged().splitlines()
+                 if "/never-routed-path" in line]
+        self.assertEqual(len(lines), 1, lines)
+        self.assertRegex(lines[0], r"^GET /never-routed-path 404 0 \d+ms$")
+
+
+class IdleConnectionTest(ServerTestCase):
+    flags = ("--idle-timeout", "1")
+
+    def test_an_idle_connection_is_closed_by_the_server(self):
+        with socket.create_connection(("127.0.0.1", self.server.port), timeout=20) as connection:
+            self.assertEqual(connection.recv(1), b"")
+
+
+class ShutdownTest(unittest.TestCase):
+    def setUp(self):
+        if not SERVER or not os.access(SERVER, os.X_OK):
+            self.skipTest("KESTRIN_SERVER does not name the server binary")
+        self.root = tempfile.mkdtemp(prefix="kestrin-e2e-")
+        self.addCleanup(shutil.rmtree, self.root, True)
+
+    def test_version_names_the_module_its_version_and_build_date(self):
+        done = subprocess.run([SERVER, "--version"], capture_output=True, timeout=20)
+        self.assertEqual(done.returncode, 0)
+        self.assertRegex(done.stdout.decode(),
+                         r"^module: bin/zarnix/libqvkestrinfileuploadimpl\.so\n"
+                         r"version: \d+\.\d+\.\d+\.\d+\n"
+                         r"build date: [A-Z][a-z]{2} [ \d]\d \d{4}\n$")
+
+    def test_sigterm_lets_the_request_in_flight_finish_then_exits_0(self):
+        server = Server(os.path.join(self.root, "uploads"))
+        self.addCleanup(server.close)
+        idle = socket.create_connection(("127.0.0.1", server.port), timeout=20)
+        self.addCleanup(idle.close)
+
+        boundary = "e2e-boundary"
+        content = os.urandom(64 * 1024)
+        body = (("--%s\r\nContent-Disposition: form-data; name=\"file\"; filename=\"late.bin\"\r\n"
+                 "Content-Type: application/octet-stream\r\n\r\n" % boundary).encode() + content +
+                ("\r\n--%s--\r\n" % boundary).encode())
+        header = ("POST /users HTTP/1.1\r\nHost: 127.0.0.1\r\nExpect: 100-continue\r\n"
+                  "Content-Type: multipart/form-data; boundary=%s\r\nContent-Length: %d\r\n\r\n"
+                  % (boundary, len(body))).encode()
+        with socket.create_connection(("127.0.0.1", server.port), timeout=20) as upload:
+            upload.sendall(header)
+            # The go-ahead proves the server holds this request before the signal comes.
+            self.assertEqual(upload.recv(4096), b"HTTP/1.1 100 Continue\r\n\r\n")
+            server.process.send_signal(signal.SIGTERM)
+            upload.sendall(body)
+            reply = b""
+            while True:
+                chunk = upload.recv(65536)
+                if not chunk:
+                    break
+                reply += chunk
+        self.assertTrue(reply.startswith(b"HTTP/1.1 200 OK\r\n"), reply)
+        self.assertTrue(reply.endswith(b"\r\n\r\n" + SUCCESS_PAGE), reply)
+        self.assertEqual(server.process.wait(20), 0, server.logged())
+        with open(os.path.join(self.root, "uploads", "late.bin"), "rb") as file:
+            self.assertEqual(file.read(), content)
+        self.assertEqual(idle.recv(1), b"")
+        self.assertIn("stopped", server.logged())
+
+    def test_sigterm_on_an_idle_server_exits_0(self):
+        server = Server(os.path.join(self.root, "uploads"))
+        self.addCleanup(server.close)
+        self.assertEqual(server.stop(), 0, server.logged())
+
+
+if __name__ == "__main__":
+    if len(sys.argv) > 1 and not sys.argv[1].startswith("-"):
+        SERVER = sys.argv.pop(1)
+    unittest.main()
