@@ -2,7 +2,8 @@
 # Builds the fuzz targets with clang (libFuzzer, ASan, UBSan) and runs each one for the given
 # number of seconds (default 60), starting from its committed seeds. New inputs go to a
 # scratch corpus, so the committed one stays small; a crash leaves its input in
-# fuzz/findings/ and fails the run.
+# fuzz/findings/ and fails the run. fuzz/<target>.dict, where present, gives the fuzzer the
+# tokens of its input format.
 #   ./scripts/fuzz.sh 600            every target for ten minutes
 #   ./scripts/fuzz.sh 600 PipelineFuzz   one target
 set -euo pipefail
@@ -22,11 +23,14 @@ for target in "$root"/build-fuzz/fuzz/*Fuzz; do
     [[ -n "$only" && "$name" != "$only" ]] && continue
     scratch=$(mktemp -d)
     seeds="$root/fuzz/corpus/$name"
+    options=()
+    [[ -f "$root/fuzz/$name.dict" ]] && options+=(-dict="$root/fuzz/$name.dict")
     echo "--- $name for ${seconds}s"
     if ! ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1 \
         UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-        "$target" "$scratch" ${seeds:+"$seeds"} -max_total_time="$seconds" -timeout=10 \
-        -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix="$root/fuzz/findings/$name-" \
+        "$target" "$scratch" ${seeds:+"$seeds"} "${options[@]}" -max_total_time="$seconds" \
+        -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
+        -artifact_prefix="$root/fuzz/findings/$name-" \
         > "$scratch.log" 2>&1; then
         tail -60 "$scratch.log"
         status=1
