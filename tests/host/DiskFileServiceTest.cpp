@@ -182,13 +182,17 @@ TEST_F(DiskFileServiceTest, aHeldWriterDoesNotHoldUpTheOtherWriters) {
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
 
+    // The slow continuation must be over before this test's locals go away.
+    std::promise<void> slowDone;
+    std::future<void> slowFinished = slowDone.get_future();
     Future<FileInfo> slow = write(service, in("slow"), std::string(1 << 20, 's'));
-    slow.then([&](Future<FileInfo>& resolved) {
+    slow.then([&, opened](Future<FileInfo>& resolved) {
         holder = std::this_thread::get_id();
         resolved.get();
         if (holder.load() != caller) {
             opened.wait();
         }
+        slowDone.set_value();
     });
     if (holder.load() == caller) {
         gate.set_value();
@@ -204,6 +208,7 @@ TEST_F(DiskFileServiceTest, aHeldWriterDoesNotHoldUpTheOtherWriters) {
     const bool stored =
         fastDone.get_future().wait_for(std::chrono::seconds(60)) == std::future_status::ready;
     gate.set_value();
+    slowFinished.wait();
     EXPECT_TRUE(stored);
     EXPECT_EQ(contents(uploads / "fast"), "f");
 }
