@@ -39,15 +39,6 @@ TEST(MultipartUploadRouteProvider, addsBothRoutesOnConstructionAndRemovesThemOnD
     EXPECT_EQ(router.use_count(), 1) << "the router is released with the provider";
 }
 
-TEST(MultipartUploadRouteProvider, twoProvidersOnOneRouterEachRemoveBothPaths) {
-    auto router = std::make_shared<RecordingRouter>();
-    auto first = std::make_unique<MultipartUploadRouteProvider>(router, Address("a"));
-    auto second = std::make_unique<MultipartUploadRouteProvider>(router, Address("b"));
-    router->calls.clear();
-    first.reset();
-    EXPECT_EQ(router->calls, (std::vector<std::string>{"remove /users", "remove /ORVANE Drive"}));
-}
-
 TEST(MultipartUploadRouteProvider, failingSecondRouteReachesTheCreatorAndRemovesNothing) {
     auto router = std::make_shared<RecordingRouter>();
     router->failOnAdd = "/ORVANE Drive";

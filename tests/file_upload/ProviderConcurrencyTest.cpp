@@ -57,7 +57,8 @@ TEST(ProviderConcurrency, everyFileOfEveryConcurrentUploadIsStoredOnceAndIntact)
                                             {tag + "-b.bin", contentFor(tag + "-b.bin")}};
                 auto future = provider->processMessage(
                     kestrin::testing::makeUploadMessage(
-                        kestrin::testing::makeMultipartBody(boundary, parts), boundary),
+                        kestrin::testing::makeMultipartBody(boundary, parts),
+                        {{"boundary", boundary}}),
                     Address("upload"), nullptr);
                 std::unique_ptr<Message> answer = future.get();
                 auto* response = dynamic_cast<HttpResponse*>(answer.get());

@@ -2,6 +2,7 @@
 
 #include "file_upload/MultipartUploadServiceImpl.h"
 #include "framework/Ost.h"
+#include "tests/file_upload/support/MultipartBody.h"
 #include "tests/file_upload/support/RecordingFileService.h"
 
 #include <gtest/gtest.h>
@@ -18,24 +19,18 @@ using kestrin::testing::RecordingFileService;
 
 namespace {
 
-std::string workingDirectory() {
-    return ost::i18n::to_string(ost::filesystem::get_current_path());
-}
-
 std::string filePart(const std::string& filename, const std::string& content) {
-    return "--XyZ\r\nContent-Disposition: form-data; name=\"f\"; filename=\"" + filename +
-           "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + content + "\r\n";
+    return kestrin::testing::makeFilePart("XyZ", {filename, content});
 }
 
 // One upload with boundary XyZ, as the body subscriber runs it.
 struct Upload {
     std::shared_ptr<RecordingFileService> files = std::make_shared<RecordingFileService>();
-    std::shared_ptr<MultipartUploadServiceImpl> service =
-        std::make_shared<MultipartUploadServiceImpl>();
+    MultipartUploadServiceImpl service;
 
     void run(const std::string& text) {
         DataBuffer body(text);
-        runUploadPipeline(files, *service, DataBuffer("\r\n--XyZ"), body);
+        runUploadPipeline(files, service, DataBuffer("\r\n--XyZ"), body);
     }
 
     // The text of the runtime_error the upload fails with, or "" when it succeeds.
@@ -48,9 +43,10 @@ struct Upload {
         return {};
     }
 
+    // Stored names relative to the working directory, in the order they were written.
     std::vector<std::string> names() const {
         std::vector<std::string> out;
-        const std::string prefix = workingDirectory() + "/";
+        const std::string prefix = ost::i18n::to_string(ost::filesystem::get_current_path()) + "/";
         for (const std::string& path : files->paths()) {
             out.push_back(path.compare(0, prefix.size(), prefix) == 0 ? path.substr(prefix.size())
                                                                       : "outside: " + path);
@@ -77,42 +73,33 @@ TEST(UploadPipeline, storesEveryPartInBodyOrderWithItsExactBytes) {
     EXPECT_EQ(writes[2].bytes, "");
 }
 
-TEST(UploadPipeline, bodiesThatEndBeforeAnyPartStoreNothing) {
-    for (const std::string body : {"", "--XyZ--", "--XyZ--\r\n", "preamble\r\n--XyZ--junk"}) {
-        SCOPED_TRACE(testing::PrintToString(body));
-        Upload upload;
-        EXPECT_EQ(upload.failure(body), "");
-        EXPECT_TRUE(upload.files->writes().empty());
-    }
-}
-
 TEST(UploadPipeline, malformedBodiesFailWithTheirTextAndKeepEarlierParts) {
+    const std::string malformed = "Malformed multi-part request";
     const std::string noFileName = "Malformed multi-part request, no file name found";
     const std::string noHeaders = "Malformed multi-part request, no header fields found";
     const std::string field =
         "--XyZ\r\nContent-Disposition: form-data; name=\"title\"\r\n\r\nhi\r\n";
     const struct {
-        const char* what;
         std::string body;
         std::string error;
         Names stored;
     } cases[] = {
-        {"no boundary at all", "just some text", "Malformed multi-part request", {}},
-        {"boundary of another case",
-         "--xyz\r\n\r\nx\r\n--xyz--",
-         "Malformed multi-part request",
-         {}},
-        {"truncated after a part", filePart("a", "1") + filePart("b", "2 and no end"),
-         "Malformed multi-part request", Names{"a"}},
-        {"boundary line without headers", "--XyZ\r\nno blank line\r\n", noHeaders, {}},
-        {"blank line ends the body", "--XyZ\r\nname=a\r\n\r\n", noHeaders, {}},
-        {"single dash after the marker", "ab\r\n--XyZ-", noHeaders, {}},
-        {"form field first", field + filePart("a", "1") + "--XyZ--", noFileName, {}},
-        {"later part without a filename", filePart("a", "1") + field + "--XyZ--", noFileName,
-         Names{"a"}},
+        // Bodies that end before any part: nothing to store, nothing wrong.
+        {"", "", {}},
+        {"--XyZ--", "", {}},
+        {"preamble\r\n--XyZ--junk", "", {}},
+        {"just some text", malformed, {}},
+        {"--xyz\r\n\r\nx\r\n--xyz--", malformed, {}}, // boundary of another case
+        {filePart("a", "1") + filePart("b", "2 and no end"), malformed, Names{"a"}},
+        {"--XyZ\r\nno blank line\r\n", noHeaders, {}},
+        {"--XyZ\r\nname=a\r\n\r\n", noHeaders, {}}, // blank line ends the body
+        {"ab\r\n--XyZ-", noHeaders, {}},
+        {field + filePart("a", "1") + "--XyZ--", noFileName, {}},
+        // The name of the part before must not be reused.
+        {filePart("a", "1") + field + "--XyZ--", noFileName, Names{"a"}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(testing::PrintToString(c.body));
         Upload upload;
         EXPECT_EQ(upload.failure(c.body), c.error);
         EXPECT_EQ(upload.names(), c.stored);
@@ -133,9 +120,8 @@ TEST(UploadPipeline, namesAreUtf8AndReachTheServiceAsUtf16) {
     Upload upload;
     upload.run(filePart("r\xC3\xA9sum\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80.txt", "x") + "--XyZ--");
     ASSERT_EQ(upload.files->writes().size(), 1u);
-    const std::u16string directory = ost::filesystem::get_current_path();
     EXPECT_EQ(upload.files->writes()[0].path,
-              directory + u"/r\u00E9sum\u00E9 \u20AC \U0001F600.txt");
+              ost::filesystem::get_current_path() + u"/r\u00E9sum\u00E9 \u20AC \U0001F600.txt");
 
     Upload invalid;
     EXPECT_THROW(invalid.run(filePart("bad\xFF\xFE.txt", "x") + "--XyZ--"), std::runtime_error);

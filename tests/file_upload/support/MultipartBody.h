@@ -1,10 +1,10 @@
 #pragma once
 
+#include "framework/HttpRequest.h"
 #include "framework/Message.h"
 
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kestrin::testing {
@@ -14,17 +14,19 @@ struct FilePart {
     std::string content;
 };
 
-// A multipart/form-data body as a browser sends it: each part a file field with its
-// Content-Disposition and Content-Type lines, CR LF line ends, and the closing delimiter.
+// One file part as a browser sends it: delimiter line, Content-Disposition and Content-Type
+// lines, blank line, content, CR LF. No preamble and no closing delimiter.
+std::string makeFilePart(const std::string& boundary, const FilePart& part);
+
+// A whole multipart/form-data body: every part, then the closing delimiter.
 std::string makeMultipartBody(const std::string& boundary, const std::vector<FilePart>& parts);
 
-// The framework's message for an HTTP request whose body stream publishes body in one item,
-// with the boundary filed under "boundary".
-std::unique_ptr<Message> makeUploadMessage(const std::string& body, const std::string& boundary);
+// The framework's message for an HTTP request whose body stream publishes body in one item.
+std::unique_ptr<Message> makeUploadMessage(const std::string& body,
+                                           const http::HttpRequest::Parameters& parameters);
 
-// The same with parameters of the caller's choosing.
-std::unique_ptr<Message>
-makeUploadMessage(const std::string& body,
-                  const std::unordered_map<std::string, std::string>& parameters);
+// A result page written out by hand rather than taken from the module, so that a wrong page
+// cannot agree with itself.
+std::string expectedPage(const std::string& message);
 
 } // namespace kestrin::testing
