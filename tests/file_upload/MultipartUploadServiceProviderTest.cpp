@@ -120,6 +120,10 @@ TEST(MultipartUploadServiceProvider, runningServiceChecksEmptinessThenTypeThenOw
 
 TEST(MultipartUploadServiceProvider, derivedMessageIsDispatchedToTheProviderAndItsFutureReturned) {
     auto provider = makeRunningProvider();
+    // The framework owns the running flag: the provider's own hooks, in any order, refuse nothing.
+    provider->stop();
+    provider->start();
+    provider->stop();
     auto proper = std::make_unique<RecordingServiceMessage>();
     RecordingServiceMessage* properRaw = proper.get();
     Message* answer = properRaw->answer.get();
