@@ -81,10 +81,11 @@ def sha256(path):
 
 def multipart(boundary, parts, closing=True, newline=b"\r\n"):
     """A multipart body; parts are (header-bytes, content-bytes). boundary is bytes."""
-    body = b""
-    for header, content in parts:
-        body += b"--" + boundary + newline + header + newline + newline + content + newline
-    return body + (b"--" + boundary + b"--" + newline if closing else b"")
+    pieces = [b"--" + boundary + newline + header + newline + newline + content + newline
+              for header, content in parts]
+    if closing:
+        pieces.append(b"--" + boundary + b"--" + newline)
+    return b"".join(pieces)
 
 
 def file_part(filename, content, quote=True):
@@ -97,7 +98,8 @@ def file_part(filename, content, quote=True):
 def request_head(path, boundary, length, extra=b""):
     return (b"POST " + path + b" HTTP/1.1\r\nHost: 127.0.0.1\r\n"
             b"Content-Type: multipart/form-data; boundary=" + boundary + b"\r\n"
-            b"Content-Length: " + str(length).encode() + b"\r\n" + extra + b"\r\n")
+            b"Content-Length: " + str(length).encode() + b"\r\nConnection: close\r\n" + extra +
+            b"\r\n")
 
 
 def read_response(connection):

@@ -76,18 +76,6 @@ class UploadTest(ServerTestCase):
                          (400, "Malformed multi-part request, no file name found"))
         self.assert_outside_untouched()
 
-    def test_names_that_leave_the_directory_are_refused_and_nothing_is_written(self):
-        path = self.make_file("escape.txt", b"must not leave the upload directory")
-        for name, reason in (("../escape.txt", "path separator"), ("sub/escape.txt",
-                             "path separator"), ("..", "names a directory"),
-                             ("/tmp/escape.txt", "path separator")):
-            with self.subTest(name):
-                status, body = self.upload("/users", "file=@%s;filename=%s" % (path, name))
-                self.assertEqual(status, 400)
-                self.assertIn(reason, page_message(body))
-        self.assert_outside_untouched()
-        self.assertNotIn("escape.txt", os.listdir(self.uploads))
-
     def test_host_errors_are_plain_text_and_the_server_keeps_serving(self):
         self.assertEqual(self.curl("/nowhere"), (404, b"Not Found\n"))
         self.assertEqual(self.curl("/users/", "-F", "file=@" + self.make_file("n", b"n")),
