@@ -208,7 +208,8 @@ class ServerTestCase(unittest.TestCase):
             # Whatever the tests did, the server is still up and stops cleanly.
             code = cls.server.stop()
             if code != 0:
-                raise AssertionError("server exited with %s; log:\n%s" % (code, cls.server.logged()))
+                raise AssertionError("server exited with %s; log:\n%s"
+                                     % (code, cls.server.logged()))
         finally:
             cls.server.close()
             shutil.rmtree(cls.root, ignore_errors=True)
