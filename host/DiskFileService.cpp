@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <exception>
 #include <fcntl.h>
 #include <memory>
 #include <stdexcept>
@@ -100,10 +101,18 @@ void DiskFileService::run() {
         Job job = std::move(queue.front());
         queue.pop_front();
         lock.unlock();
+        std::exception_ptr failure;
         try {
             job.promise.setValue(store(job.file, job.overwrite));
         } catch (const std::exception&) {
-            job.promise.setException(std::current_exception());
+            failure = std::current_exception();
+        }
+        // Handed over after the catch block, so that the waiting thread holds the exception's
+        // only reference. Inside the block, this thread could free it on leaving while the
+        // waiter had just read its message: ordered only by the C++ runtime's own reference
+        // count, which ThreadSanitizer cannot see.
+        if (failure) {
+            job.promise.setException(std::move(failure));
         }
         lock.lock();
     }
