@@ -23,7 +23,7 @@ import threading
 import time
 
 import serverlib
-from serverlib import SUCCESS_PAGE, Server, sha256, vm_hwm_kib
+from serverlib import SUCCESS_PAGE, Server, result_page, sha256, vm_hwm_kib
 
 MIB = 1024 * 1024
 BOUNDARY = "load-client-boundary-7f3a"
@@ -33,9 +33,11 @@ NAME_CHARS = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789 _-.
 class Plan:
     """Every request to send, drawn up front from one seed: each is a list of (name, size,
     offset) and the content is a slice of a shared random pool after the file's own name, so
-    every file differs and only its hash needs keeping."""
+    every file differs and only its hash needs keeping. Every refuse_every-th request ends
+    with a part whose name the server refuses: the files before it are stored, the answer is
+    a 400 page naming the refusal, and failures cross threads under load too."""
 
-    def __init__(self, uploads, max_size, max_parts, seed):
+    def __init__(self, uploads, max_size, max_parts, seed, refuse_every=20):
         rng = random.Random(seed)
         self.pool = rng.randbytes(2 * MIB)
         self.requests = []
@@ -47,7 +49,18 @@ class Plan:
                 name = "%05d-%s.bin" % (made, "".join(rng.choices(NAME_CHARS, k=12)))
                 files.append((name, rng.randint(0, max_size), rng.randrange(MIB)))
                 made += 1
+            if len(self.requests) % refuse_every == refuse_every - 1:
+                files.append(("../escape-%05d.bin" % len(self.requests), 16, 0))
             self.requests.append(files)
+
+    @staticmethod
+    def expected(files):
+        """The answer a request should get, and the files it stores."""
+        name = files[-1][0]
+        if not name.startswith("../"):
+            return SUCCESS_PAGE, files
+        return (result_page("Refused file name '%s': it contains a path separator" % name),
+                files[:-1])
 
     def content(self, name, size, offset):
         return (name.encode() + self.pool[offset:offset + size])[:size]
@@ -108,10 +121,11 @@ def worker(server, plan, results, deadline):
             results.latencies.append(elapsed)
             if status >= 500:
                 results.server_errors += 1
-            if (status, answer) != (200, SUCCESS_PAGE):
+            page, stored = plan.expected(files)
+            if (status, answer) != (200 if stored == files else 400, page):
                 results.failures.append((index, "%d %r" % (status, answer[:200])))
                 continue
-            for name, size, offset in files:
+            for name, size, offset in stored:
                 results.stored[name] = hashlib.sha256(plan.content(name, size, offset)).hexdigest()
     if connection is not None:
         connection.close()
@@ -165,10 +179,13 @@ def run(arguments):
         leftovers = [name for name in os.listdir(uploads)
                      if name.startswith(serverlib.TEMP_PREFIX)]
 
-        files = sum(len(request) for request in plan.requests[:results.next])
-        sent = sum(size for request in plan.requests[:results.next] for _, size, _ in request)
-        print("requests: %d (%d files, %.1f MiB) from %d connections in %.1f s"
-              % (results.next, files, sent / MIB, arguments.connections, elapsed))
+        done = plan.requests[:results.next]
+        files = sum(len(plan.expected(request)[1]) for request in done)
+        sent = sum(size for request in done for _, size, _ in plan.expected(request)[1])
+        refused = sum(request[-1][0].startswith("../") for request in done)
+        print("requests: %d (%d files, %.1f MiB; %d with a refused name) from %d connections "
+              "in %.1f s" % (results.next, files, sent / MIB, refused, arguments.connections,
+                             elapsed))
         print("uploads/s: %.1f  requests/s: %.1f  MiB/s: %.1f"
               % (files / elapsed, results.next / elapsed, sent / MIB / elapsed))
         print("latency per request: p50 %.1f ms  p99 %.1f ms"
