@@ -1,0 +1,243 @@
+"""What the end-to-end tests and the load client share: starting and stopping the server
+binary on 127.0.0.1 (a free port) in a directory of its own, building multipart bodies, and
+reading the result pages the module answers with.
+
+The server binary comes from KESTRIN_SERVER (set by CTest) or the first argument."""
+
+import hashlib
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import unittest
+
+SERVER = os.environ.get("KESTRIN_SERVER", "")
+TEMP_PREFIX = ".kestrin-upload-"
+
+PAGE_PREFIX = b'<html>\n<head>\n<script>\nparent.postMessage("'
+PAGE_SUFFIX = b'", "*");\n</script>\n</head>\n<body>\n</body>\n</html>\n'
+SUCCESS_PAGE = PAGE_PREFIX + b"SUCCESS" + PAGE_SUFFIX
+
+
+def result_page(message):
+    return PAGE_PREFIX + message.encode() + PAGE_SUFFIX
+
+
+def page_message(page):
+    """The message a result page posts, read as a browser would read the script's string
+    literal; None when the page is not prefix, one string literal, suffix."""
+    if not page.startswith(PAGE_PREFIX):
+        return None
+    text = page[len(PAGE_PREFIX):].decode("utf-8", errors="strict")
+    message, end = read_js_string(text)
+    if message is None or text[end:].encode() != PAGE_SUFFIX:
+        return None
+    return message
+
+
+def read_js_string(text):
+    """Reads a double-quoted JavaScript string literal whose opening quote is already consumed.
+    Returns (value, index of the closing quote), or (None, 0) when the literal is broken:
+    a raw line terminator, an unknown escape, or no closing quote. "</script" inside it counts
+    as broken too, since the HTML parser would end the script element there."""
+    simple = {"\\": "\\", '"': '"', "'": "'", "n": "\n", "r": "\r", "t": "\t", "b": "\b",
+              "f": "\f", "v": "\v", "0": "\0"}
+    value = []
+    i = 0
+    while i < len(text):
+        c = text[i]
+        if c == '"':
+            raw = text[:i]
+            return ("".join(value), i) if "</script" not in raw.lower() else (None, 0)
+        if c in "\r\n\u2028\u2029":
+            return None, 0
+        if c != "\\":
+            value.append(c)
+            i += 1
+            continue
+        escape = text[i + 1:i + 2]
+        if escape in simple:
+            value.append(simple[escape])
+            i += 2
+        elif escape in ("x", "u"):
+            digits = text[i + 2:i + (4 if escape == "x" else 6)]
+            if not re.fullmatch(r"[0-9a-fA-F]{%d}" % (2 if escape == "x" else 4), digits):
+                return None, 0
+            value.append(chr(int(digits, 16)))
+            i += 2 + len(digits)
+        else:
+            return None, 0
+    return None, 0
+
+
+def sha256(path):
+    with open(path, "rb") as file:
+        return hashlib.sha256(file.read()).hexdigest()
+
+
+def multipart(boundary, parts, closing=True, newline=b"\r\n"):
+    """A multipart body; parts are (header-bytes, content-bytes). boundary is bytes."""
+    pieces = [b"--" + boundary + newline + header + newline + newline + content + newline
+              for header, content in parts]
+    if closing:
+        pieces.append(b"--" + boundary + b"--" + newline)
+    return b"".join(pieces)
+
+
+def file_part(filename, content, quote=True):
+    """A part header naming filename (bytes), quoted or bare."""
+    name = b'"' + filename + b'"' if quote else filename
+    return (b'Content-Disposition: form-data; name="file"; filename=' + name +
+            b"\r\nContent-Type: application/octet-stream", content)
+
+
+def request_head(path, boundary, length, extra=b""):
+    return (b"POST " + path + b" HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+            b"Content-Type: multipart/form-data; boundary=" + boundary + b"\r\n"
+            b"Content-Length: " + str(length).encode() + b"\r\nConnection: close\r\n" + extra +
+            b"\r\n")
+
+
+def read_response(connection):
+    """Reads until the server closes; returns (status, body) or (None, raw) when the bytes
+    are no HTTP response."""
+    raw = b""
+    while True:
+        chunk = connection.recv(1 << 16)
+        if not chunk:
+            break
+        raw += chunk
+    match = re.match(rb"HTTP/1\.1 (\d{3}) [^\r\n]*\r\n(.*?)\r\n\r\n", raw, re.S)
+    if not match:
+        return None, raw
+    return int(match.group(1)), raw[match.end():]
+
+
+def vm_hwm_kib(pid):
+    """The peak resident set size of a process, in KiB."""
+    with open("/proc/%d/status" % pid) as status:
+        for line in status:
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1])
+    return 0
+
+
+class Server:
+    """One server process. start() returns once it has said where it listens; stop() sends
+    SIGTERM and returns the exit code; kill() is the last resort and always safe."""
+
+    def __init__(self, directory, *flags, threads=2):
+        self.directory = directory
+        self.log = tempfile.TemporaryFile()
+        self.process = subprocess.Popen(
+            [SERVER, "--listen", "127.0.0.1:0", "--dir", directory, "--threads", str(threads),
+             *flags],
+            stdout=subprocess.PIPE, stderr=self.log)
+        line = self._first_line(timeout=60)
+        match = re.fullmatch(r"listening on http://127\.0\.0\.1:(\d+)/\n", line)
+        if not match:
+            self.kill()
+            raise AssertionError("unexpected start-up line %r; log:\n%s" % (line, self.logged()))
+        self.port = int(match.group(1))
+        self.url = "http://127.0.0.1:%d" % self.port
+
+    def _first_line(self, timeout):
+        lines = []
+        reader = threading.Thread(target=lambda: lines.append(self.process.stdout.readline()))
+        reader.daemon = True
+        reader.start()
+        reader.join(timeout)
+        return lines[0].decode() if lines else ""
+
+    def connect(self, timeout=30):
+        return socket.create_connection(("127.0.0.1", self.port), timeout=timeout)
+
+    def stop(self, timeout=60):
+        self.process.send_signal(signal.SIGTERM)
+        try:
+            return self.process.wait(timeout)
+        finally:
+            self.kill()
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait(10)
+        self.process.stdout.close()
+
+    def close(self):
+        self.kill()
+        self.log.close()
+
+    def logged(self):
+        self.log.seek(0)
+        return self.log.read().decode(errors="replace")
+
+
+def skip_without_server():
+    if not SERVER or not os.access(SERVER, os.X_OK):
+        raise unittest.SkipTest("KESTRIN_SERVER does not name the server binary")
+
+
+class ServerTestCase(unittest.TestCase):
+    """A fresh root per class: root/uploads is the upload directory, root/files the files sent,
+    so anything written outside the upload directory shows up in root."""
+
+    flags = ()
+
+    @classmethod
+    def setUpClass(cls):
+        skip_without_server()
+        cls.root = tempfile.mkdtemp(prefix="kestrin-e2e-")
+        cls.uploads = os.path.join(cls.root, "uploads")
+        cls.files = os.path.join(cls.root, "files")
+        os.mkdir(cls.files)
+        try:
+            cls.server = Server(cls.uploads, *cls.flags)
+        except BaseException:
+            shutil.rmtree(cls.root, ignore_errors=True)
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        try:
+            # Whatever the tests did, the server is still up and stops cleanly.
+            code = cls.server.stop()
+            if code != 0:
+                raise AssertionError("server exited with %s; log:\n%s"
+                                     % (code, cls.server.logged()))
+        finally:
+            cls.server.close()
+            shutil.rmtree(cls.root, ignore_errors=True)
+
+    def make_file(self, name, content):
+        path = os.path.join(self.files, name)
+        with open(path, "wb") as file:
+            file.write(content)
+        return path
+
+    def curl(self, path, *arguments):
+        """Runs curl against the server; returns (status, body)."""
+        body_file = os.path.join(self.root, "response")
+        command = ["curl", "-sS", "--max-time", "60", "-o", body_file, "-w", "%{http_code}",
+                   *arguments, self.server.url + path]
+        done = subprocess.run(command, capture_output=True, timeout=90)
+        self.assertEqual(done.returncode, 0, done.stderr.decode())
+        with open(body_file, "rb") as file:
+            return int(done.stdout), file.read()
+
+    def upload(self, route, *parts):
+        arguments = []
+        for part in parts:
+            arguments += ["-F", part]
+        return self.curl(route, *arguments)
+
+    def assert_outside_untouched(self):
+        self.assertTrue(set(os.listdir(self.root)) <= {"files", "response", "uploads"},
+                        os.listdir(self.root))
+        for name in os.listdir(self.uploads):
+            self.assertFalse(name.startswith(TEMP_PREFIX), name)

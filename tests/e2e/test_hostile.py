@@ -1,0 +1,261 @@
+#!/usr/bin/env python3
+"""Hostile requests against the real server: every one gets a clear status (and, from the
+module, a result page that stays one script string), nothing lands outside the upload
+directory, and the server goes on serving. Then a server killed mid-write and restarted.
+
+Each answer is logged as "hostile: <input> -> <status> <message>" on stderr.
+
+The server binary comes from KESTRIN_SERVER (set by CTest) or the first argument."""
+
+import hashlib
+import os
+import shutil
+import signal
+import sys
+import tempfile
+import time
+import unittest
+
+import serverlib
+from serverlib import (SUCCESS_PAGE, TEMP_PREFIX, Server, ServerTestCase, file_part, multipart,
+                       page_message, read_response, request_head, sha256)
+
+MIB = 1024 * 1024
+
+
+def wait_for(predicate, seconds, what):
+    """Polls predicate until it holds; the server gives no other sign for what we wait on."""
+    deadline = time.monotonic() + seconds
+    while not predicate():
+        if time.monotonic() > deadline:
+            raise AssertionError("gave up waiting for " + what)
+        time.sleep(0.01)
+
+
+class HostileInputTest(ServerTestCase):
+    flags = ("--idle-timeout", "2", "--max-body", "64M")
+
+    def setUp(self):
+        self.good_uploads = 0
+        self.before = set(os.listdir(self.uploads))
+
+    def send(self, body, boundary=b"b", head=None):
+        """One request on a fresh connection; returns (status, response body)."""
+        with self.server.connect() as connection:
+            connection.sendall((head or request_head(b"/users", boundary, len(body))) + body)
+            return read_response(connection)
+
+    def check(self, label, answer, status, message=None, contains=None):
+        """The answer has the status, and a 200 or 400 is a result page posting message (or a
+        message containing contains)."""
+        got_status, body = answer
+        posted = page_message(body) if got_status in (200, 400) else body.decode(errors="replace")
+        sys.stderr.write("hostile: %s -> %s %r\n" % (label, got_status, posted))
+        with self.subTest(label):
+            self.assertEqual(got_status, status, body[:300])
+            if got_status in (200, 400):
+                self.assertIsNotNone(posted, "not one script string: %r" % body[:300])
+            if message is not None:
+                self.assertEqual(posted, message)
+            if contains is not None:
+                self.assertIn(contains, posted)
+
+    def assert_still_serving(self):
+        """A good upload after a group: the server took no harm, and wrote only inside."""
+        self.good_uploads += 1
+        name = "good-%s-%d.bin" % (self._testMethodName, self.good_uploads)
+        content = os.urandom(256 * 1024)
+        answer = self.send(multipart(b"good", [file_part(name.encode(), content)]), b"good")
+        self.assertEqual(answer, (200, SUCCESS_PAGE))
+        self.assertEqual(sha256(os.path.join(self.uploads, name)),
+                         hashlib.sha256(content).hexdigest())
+        self.assert_outside_untouched()
+
+    def stored(self):
+        """What this test stored, its good uploads aside."""
+        return {name for name in set(os.listdir(self.uploads)) - self.before
+                if not name.startswith("good-")}
+
+    def test_names_that_leave_the_directory_or_name_no_file_are_refused(self):
+        outside = os.path.join(self.root, "outside.txt").encode()
+        cases = [
+            # (input, filename bytes, status, message)
+            ("../ in the name", b"../escape.txt", 400,
+             "Refused file name '../escape.txt': it contains a path separator"),
+            ("../ deeper", b"a/../../escape.txt", 400,
+             "Refused file name 'a/../../escape.txt': it contains a path separator"),
+            ("absolute path", outside, 400,
+             "Refused file name '%s': it contains a path separator" % outside.decode()),
+            ("NUL byte", b"nul\0.txt", 400, "Refused file name: it contains a NUL byte"),
+            ("empty name", b"", 400, "Refused file name: it is empty"),
+            ("bare empty name", None, 400, "Refused file name: it is empty"),
+            (".", b".", 400, "Refused file name '.': it names a directory"),
+            ("..", b"..", 400, "Refused file name '..': it names a directory"),
+            ("temporary-file name", TEMP_PREFIX.encode() + b"x", 400,
+             "Refused file name '%sx': it is reserved for temporary files" % TEMP_PREFIX),
+            ("invalid UTF-8", b"\xff\xfe.txt", 400, "Invalid UTF-8 in text"),
+            # A backslash is no separator here: the file keeps its odd name, inside.
+            ("backslashes", b"..\\..\\windows.txt", 200, "SUCCESS"),
+        ]
+        for label, name, status, message in cases:
+            part = file_part(name, b"payload") if name is not None else (
+                b'Content-Disposition: form-data; name="file"; filename=', b"payload")
+            self.check(label, self.send(multipart(b"b", [part])), status, message)
+        self.assertEqual(self.stored(), {"..\\..\\windows.txt"})
+        self.assertFalse(os.path.exists(outside))
+        self.assert_still_serving()
+
+    def test_result_pages_stay_one_script_string_whatever_the_text(self):
+        refused = "Refused file name '%s': it contains a path separator"
+        cases = [
+            ("</script> in an error text", "</script><script>alert(1)</script>".encode(),
+             400, refused % "</script><script>alert(1)</script>"),
+            ("backslash in an error text", b"back\\slash/x", 400, refused % "back\\slash/x"),
+            ("U+2028 in an error text", "para\u2028sep/x".encode(), 400,
+             refused % "para\u2028sep/x"),
+            ("U+2029 and control bytes in an error text", "\u2029tab\there\x01/x".encode(), 400,
+             refused % "\u2029tab\there\x01/x"),
+            # The module drops quotes from parameter values, and a line break ends the header
+            # line, so neither can reach a name: the rest of the name is what counts.
+            ("quote in the name", b'q"uote/x', 400, refused % "quote/x"),
+            ("line break in the name", b"line\r\nbreak/x", 200, "SUCCESS"),
+            ("U+2028 in a stored name", "para\u2028sep.txt".encode(), 200, "SUCCESS"),
+        ]
+        for label, name, status, message in cases:
+            self.check(label, self.send(multipart(b"b", [file_part(name, b"x")])), status, message)
+        self.assertEqual(self.stored(), {"line", "para\u2028sep.txt"})
+        self.assert_still_serving()
+
+    def test_odd_disposition_parameters_follow_the_module_rules(self):
+        disposition = b'Content-Disposition: form-data; name="file"; '
+        cases = [
+            ("filename* alone", b"filename*=UTF-8''star.txt", 400,
+             "Malformed multi-part request, no file name found", None),
+            ("duplicate filename", b'filename="one.txt"; filename="two.txt"', 200, "SUCCESS",
+             "two.txt"),
+            ("; inside a quoted name", b'filename="semi;colon.txt"', 200, "SUCCESS", "semi"),
+            ("= inside a name", b'filename="a=b.txt"', 200, "SUCCESS", "a=b.txt"),
+        ]
+        for label, parameters, status, message, stored in cases:
+            before = self.stored()
+            answer = self.send(multipart(b"b", [(disposition + parameters, b"odd")]))
+            self.check(label, answer, status, message)
+            self.assertEqual(self.stored() - before, {stored} if stored else set(), label)
+        self.assert_still_serving()
+
+    def test_bodies_without_a_usable_boundary_or_header_end_are_refused(self):
+        name = file_part(b"never.txt", b"")[0]
+        cases = [
+            ("100,000 empty parts", multipart(b"b", [(b"", b"")] * 100000), 400,
+             "Malformed multi-part request, no file name found"),
+            ("part header block of 10 MiB that never ends",
+             b"--b\r\n" + name + b"\r\nX-Pad: " + b"p" * (10 * MIB), 400,
+             "Malformed multi-part request, no header fields found"),
+            ("50 MiB of preamble, no boundary", b"preamble " * (50 * MIB // 9), 400,
+             "Malformed multi-part request"),
+            # No dash in the content, where "--b" would end the part early.
+            ("body cut off mid-part",
+             multipart(b"b", [file_part(b"never.txt", b"\xff" * MIB)])[:MIB // 2], 400,
+             "Malformed multi-part request"),
+            ("LF-only framing", multipart(b"b", [file_part(b"never.txt", b"x")], newline=b"\n"),
+             400, "Malformed multi-part request, no header fields found"),
+        ]
+        for label, body, status, message in cases:
+            self.check(label, self.send(body), status, message)
+        # An HTTP header block that never ends is cut off at the server's header limit.
+        head = b"POST /users HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Pad: " + b"p" * (10 * MIB)
+        self.check("HTTP header block of 10 MiB that never ends", self.send(b"", head=head), 431,
+                   contains="Request Header Fields Too Large")
+        self.assertEqual(self.stored(), set())
+        self.assert_still_serving()
+
+    def test_boundaries_of_any_length_frame_their_parts(self):
+        cases = [(length, True) for length in (0, 1, 70, 71, 4096)] + [(0, False)]
+        for length, quoted in cases:
+            boundary = bytes(ord("a") + i % 26 for i in range(length))
+            # No dash in the content: a "--" would be a marker of the empty boundary.
+            content = os.urandom(64 * 1024).replace(b"-", b"")
+            name = "boundary-%d-%s.bin" % (length, "quoted" if quoted else "bare")
+            body = multipart(boundary, [file_part(name.encode(), content)])
+            parameter = b'"' + boundary + b'"' if quoted else boundary
+            head = request_head(b"/users", parameter, len(body))
+            self.check("boundary of %d bytes, %s" % (length, "quoted" if quoted else "bare"),
+                       self.send(body, head=head), 200, "SUCCESS")
+            self.assertEqual(sha256(os.path.join(self.uploads, name)),
+                             hashlib.sha256(content).hexdigest())
+        self.assert_still_serving()
+
+    def test_stalled_and_vanished_uploads_leave_nothing_and_free_the_connection(self):
+        body = multipart(b"b", [file_part(b"stalled.bin", os.urandom(4 * MIB))])
+        failures = self.server.logged().count("read body: ")
+        # Content-Length promises more than arrives: the idle timeout closes the connection.
+        with self.server.connect() as connection:
+            connection.sendall(request_head(b"/users", b"b", len(body) + 1) + body)
+            self.assertEqual(connection.recv(1), b"")
+        sys.stderr.write("hostile: Content-Length larger than what arrives -> closed\n")
+        # The client goes away mid-body.
+        with self.server.connect() as connection:
+            connection.sendall(request_head(b"/users", b"b", len(body)) + body[:len(body) // 2])
+        wait_for(lambda: self.server.logged().count("read body: ") >= failures + 2, 20,
+                 "the server to notice both connections end")
+        sys.stderr.write("hostile: client disconnects mid-upload -> closed\n")
+        self.assertRegex(self.server.logged(), r"read body: .*timeout")
+        self.assertEqual(self.stored(), set())
+        self.assert_still_serving()
+
+
+class KilledServerTest(unittest.TestCase):
+    """SIGKILL while a large upload is being written, then a restart on the same directory."""
+
+    def setUp(self):
+        serverlib.skip_without_server()
+        self.root = tempfile.mkdtemp(prefix="kestrin-e2e-")
+        self.addCleanup(shutil.rmtree, self.root, True)
+        self.uploads = os.path.join(self.root, "uploads")
+
+    def temp_files(self):
+        return [name for name in os.listdir(self.uploads) if name.startswith(TEMP_PREFIX)]
+
+    def test_a_kill_mid_write_leaves_no_file_and_the_restart_removes_the_temporary_one(self):
+        server = Server(self.uploads)
+        self.addCleanup(server.close)
+        content = os.urandom(MIB) * 200
+        boundary = b"kill-test-" + os.urandom(16).hex().encode()
+        body = multipart(boundary, [file_part(b"large.bin", content)])
+        connection = server.connect(timeout=120)
+        self.addCleanup(connection.close)
+        connection.sendall(request_head(b"/users", boundary, len(body)) + body)
+        # The temporary file appears once the whole body is in and the write has begun; it
+        # takes the writer a good while to fill it with 200 MiB and flush them.
+        wait_for(self.temp_files, 120, "the temporary file")
+        server.process.send_signal(signal.SIGKILL)
+        server.process.wait(20)
+        visible = set(os.listdir(self.uploads))
+        sys.stderr.write("hostile: SIGKILL during a 200 MiB upload -> left %s\n" % {
+            name: os.path.getsize(os.path.join(self.uploads, name)) for name in visible})
+        self.assertTrue(visible == set(self.temp_files()) or "large.bin" in visible, visible)
+        if "large.bin" in visible:
+            # The kill came after the rename: then the file is whole.
+            self.assertEqual(sha256(os.path.join(self.uploads, "large.bin")),
+                             hashlib.sha256(content).hexdigest())
+        try:
+            self.assertEqual(read_response(connection), (None, b""))
+        except ConnectionResetError:
+            pass
+
+        restarted = Server(self.uploads)
+        self.addCleanup(restarted.close)
+        self.assertEqual(self.temp_files(), [])
+        self.assertTrue(set(os.listdir(self.uploads)) <= {"large.bin"})
+        with restarted.connect() as again:
+            again.sendall(request_head(b"/users", boundary, len(body)) + body)
+            self.assertEqual(read_response(again), (200, SUCCESS_PAGE))
+        self.assertEqual(sha256(os.path.join(self.uploads, "large.bin")),
+                         hashlib.sha256(content).hexdigest())
+        self.assertEqual(restarted.stop(), 0, restarted.logged())
+
+
+if __name__ == "__main__":
+    if len(sys.argv) > 1 and not sys.argv[1].startswith("-"):
+        serverlib.SERVER = sys.argv.pop(1)
+    unittest.main()

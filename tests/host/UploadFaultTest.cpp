@@ -1,0 +1,169 @@
+#include "file_upload/MultipartUploadServiceImpl.h"
+#include "file_upload/MultipartUploadServiceProvider.h"
+#include "host/DiskFileService.h"
+#include "host/RequestDispatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <vector>
+
+namespace kestrin::host {
+namespace {
+
+namespace fs = std::filesystem;
+using file_common::v1::File;
+using file_common::v1::FileInfo;
+
+// Passes writes on to the disk, except the chosen one: that one is refused before anything
+// is written, or lets the disk fill up halfway through the file (a file size limit makes the
+// real write fail with EFBIG). The module calls it on the request's thread.
+class FailingFileService final : public file::v1::FileService {
+public:
+    enum class Fault { refused, diskFullMidFile };
+
+    FailingFileService(std::shared_ptr<file::v1::FileService> disk, size_t failingWrite,
+                       Fault failure)
+        : inner(std::move(disk))
+        , nth(failingWrite)
+        , fault(failure) {}
+
+    Future<FileInfo> writeFile(File&& file, bool overwrite) override {
+        if (++count != nth) {
+            return inner->writeFile(std::move(file), overwrite);
+        }
+        if (fault == Fault::refused) {
+            return makeExceptionalFuture<FileInfo>(
+                std::make_exception_ptr(std::runtime_error("No space left on device")));
+        }
+        rlimit saved{};
+        ::getrlimit(RLIMIT_FSIZE, &saved);
+        rlimit limited = saved;
+        limited.rlim_cur = file.content.getSize() / 2;
+        ::setrlimit(RLIMIT_FSIZE, &limited);
+        try {
+            FileInfo info = inner->writeFile(std::move(file), overwrite).get();
+            ::setrlimit(RLIMIT_FSIZE, &saved);
+            return makeReadyFuture(std::move(info));
+        } catch (...) {
+            ::setrlimit(RLIMIT_FSIZE, &saved);
+            return makeExceptionalFuture<FileInfo>(std::current_exception());
+        }
+    }
+
+private:
+    std::shared_ptr<file::v1::FileService> inner;
+    size_t nth;
+    Fault fault;
+    size_t count = 0;
+};
+
+// The module stores under the working directory: each test works in a fresh upload
+// directory inside a fresh root, so a file written anywhere else shows up in root.
+class UploadFaultTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "kestrin-fault-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        root = fs::canonical(pattern);
+        uploads = root / "uploads";
+        fs::create_directory(uploads);
+        previous = fs::current_path();
+        fs::current_path(uploads);
+        // With a file size limit, an oversized write fails instead of killing the process.
+        previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    }
+    void TearDown() override {
+        std::signal(SIGXFSZ, previousHandler);
+        fs::current_path(previous);
+        fs::remove_all(root);
+    }
+
+    static std::string contents(const fs::path& path) {
+        std::ifstream file(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+    static std::set<std::string> names(const fs::path& directory) {
+        std::set<std::string> found;
+        for (const auto& entry : fs::directory_iterator(directory)) {
+            found.insert(entry.path().filename().string());
+        }
+        return found;
+    }
+
+    fs::path root;
+    fs::path uploads;
+    fs::path previous;
+    void (*previousHandler)(int) = SIG_DFL;
+};
+
+TEST_F(UploadFaultTest, aFailedWriteKeepsEarlierFilesWholeLeavesNoPartOfItAndNamesTheCause) {
+    using file_upload::v1::MultipartUploadServiceImpl;
+    using file_upload::v1::MultipartUploadServiceProvider;
+    using Fault = FailingFileService::Fault;
+    struct Part {
+        std::string name;
+        std::string bytes;
+    };
+    const std::vector<Part> parts = {
+        {"first.bin", std::string(64 * 1024, 'a') + "\r\n--not-the-boundary\r\n"},
+        {"second.bin", std::string(1 << 20, 'b')},
+        {"third.bin", "c"},
+    };
+    std::string body;
+    for (const Part& part : parts) {
+        body += "--fault\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" +
+                part.name + "\"\r\n\r\n" + part.bytes + "\r\n";
+    }
+    body += "--fault--\r\n";
+
+    struct Case {
+        size_t failingWrite;
+        Fault fault;
+        std::string message;
+    };
+    const Case cases[] = {
+        {1, Fault::refused, "No space left on device"},
+        {2, Fault::refused, "No space left on device"},
+        {2, Fault::diskFullMidFile, "write failed: File too large"},
+        {3, Fault::diskFullMidFile, "write failed: File too large"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE("write " + std::to_string(c.failingWrite) + ": " + c.message);
+        fs::remove_all(uploads);
+        fs::create_directory(uploads);
+        fs::current_path(uploads);
+        auto disk = std::make_shared<DiskFileService>(uploads.string());
+        auto provider = http::makeServiceProvider<MultipartUploadServiceProvider>(
+            std::make_shared<FailingFileService>(disk, c.failingWrite, c.fault),
+            std::make_shared<MultipartUploadServiceImpl>());
+        provider->running = true;
+
+        const Reply reply = RequestDispatcher::callService(
+            *provider, Address("uploads"), std::string("fault"), common::DataBuffer(body));
+
+        EXPECT_EQ(reply.status, 400u);
+        const std::string page(reinterpret_cast<const char*>(reply.body.bytes()),
+                               reply.body.getSize());
+        EXPECT_EQ(page, "<html>\n<head>\n<script>\nparent.postMessage(\"" + c.message +
+                            "\", \"*\");\n</script>\n</head>\n<body>\n</body>\n</html>\n");
+        std::set<std::string> expected;
+        for (size_t i = 0; i + 1 < c.failingWrite; ++i) {
+            expected.insert(parts[i].name);
+            EXPECT_EQ(contents(uploads / parts[i].name), parts[i].bytes);
+        }
+        EXPECT_EQ(names(uploads), expected);
+        EXPECT_EQ(names(root), std::set<std::string>{"uploads"});
+    }
+}
+
+} // namespace
+} // namespace kestrin::host
