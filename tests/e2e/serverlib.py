@@ -117,15 +117,6 @@ def read_response(connection):
     return int(match.group(1)), raw[match.end():]
 
 
-def vm_hwm_kib(pid):
-    """The peak resident set size of a process, in KiB."""
-    with open("/proc/%d/status" % pid) as status:
-        for line in status:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1])
-    return 0
-
-
 class Server:
     """One server process. start() returns once it has said where it listens; stop() sends
     SIGTERM and returns the exit code; kill() is the last resort and always safe."""

@@ -22,8 +22,20 @@ import tempfile
 import threading
 import time
 
-import serverlib
-from serverlib import SUCCESS_PAGE, Server, result_page, sha256, vm_hwm_kib
+# Starting the server and reading its pages work as in the end-to-end tests.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
+import serverlib  # noqa: E402
+from serverlib import SUCCESS_PAGE, Server, result_page, sha256  # noqa: E402
+
+
+def vm_hwm_kib(pid):
+    """The peak resident set size of a process, in KiB."""
+    with open("/proc/%d/status" % pid) as status:
+        for line in status:
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1])
+    return 0
+
 
 MIB = 1024 * 1024
 BOUNDARY = "load-client-boundary-7f3a"
