@@ -27,51 +27,24 @@ def result_page(message):
     return PAGE_PREFIX + message.encode() + PAGE_SUFFIX
 
 
+# A double-quoted JavaScript string literal up to its closing quote: no raw line terminator,
+# only the escapes the language knows.
+JS_STRING = re.compile(r'((?:[^"\\\r\n\u2028\u2029]|\\(?:[\\"\'nrtbfv0]|x[0-9a-fA-F]{2}'
+                       r'|u[0-9a-fA-F]{4}))*)(?=")')
+
+
 def page_message(page):
     """The message a result page posts, read as a browser would read the script's string
-    literal; None when the page is not prefix, one string literal, suffix."""
+    literal; None when the page is not prefix, one string literal, suffix. "</script" inside
+    the literal counts as broken too: the HTML parser would end the script element there."""
     if not page.startswith(PAGE_PREFIX):
         return None
-    text = page[len(PAGE_PREFIX):].decode("utf-8", errors="strict")
-    message, end = read_js_string(text)
-    if message is None or text[end:].encode() != PAGE_SUFFIX:
+    text = page[len(PAGE_PREFIX):].decode()
+    match = JS_STRING.match(text)
+    if (not match or "</script" in match.group(1).lower()
+            or text[match.end():].encode() != PAGE_SUFFIX):
         return None
-    return message
-
-
-def read_js_string(text):
-    """Reads a double-quoted JavaScript string literal whose opening quote is already consumed.
-    Returns (value, index of the closing quote), or (None, 0) when the literal is broken:
-    a raw line terminator, an unknown escape, or no closing quote. "</script" inside it counts
-    as broken too, since the HTML parser would end the script element there."""
-    simple = {"\\": "\\", '"': '"', "'": "'", "n": "\n", "r": "\r", "t": "\t", "b": "\b",
-              "f": "\f", "v": "\v", "0": "\0"}
-    value = []
-    i = 0
-    while i < len(text):
-        c = text[i]
-        if c == '"':
-            raw = text[:i]
-            return ("".join(value), i) if "</script" not in raw.lower() else (None, 0)
-        if c in "\r\n\u2028\u2029":
-            return None, 0
-        if c != "\\":
-            value.append(c)
-            i += 1
-            continue
-        escape = text[i + 1:i + 2]
-        if escape in simple:
-            value.append(simple[escape])
-            i += 2
-        elif escape in ("x", "u"):
-            digits = text[i + 2:i + (4 if escape == "x" else 6)]
-            if not re.fullmatch(r"[0-9a-fA-F]{%d}" % (2 if escape == "x" else 4), digits):
-                return None, 0
-            value.append(chr(int(digits, 16)))
-            i += 2 + len(digits)
-        else:
-            return None, 0
-    return None, 0
+    return match.group(1).encode("latin-1", "backslashreplace").decode("unicode_escape")
 
 
 def sha256(path):
@@ -96,8 +69,10 @@ def file_part(filename, content, quote=True):
 
 
 def request_head(path, boundary, length, extra=b""):
+    """A POST head; boundary None leaves the parameter out."""
+    parameter = b"; boundary=" + boundary if boundary is not None else b""
     return (b"POST " + path + b" HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-            b"Content-Type: multipart/form-data; boundary=" + boundary + b"\r\n"
+            b"Content-Type: multipart/form-data" + parameter + b"\r\n"
             b"Content-Length: " + str(length).encode() + b"\r\nConnection: close\r\n" + extra +
             b"\r\n")
 

@@ -45,9 +45,9 @@ class HostileInputTest(ServerTestCase):
             connection.sendall((head or request_head(b"/users", boundary, len(body))) + body)
             return read_response(connection)
 
-    def check(self, label, answer, status, message=None, contains=None):
-        """The answer has the status, and a 200 or 400 is a result page posting message (or a
-        message containing contains)."""
+    def check(self, label, answer, status, message):
+        """The answer has the status, and a 200 or 400 is a result page posting message; other
+        answers are the host's plain text message."""
         got_status, body = answer
         posted = page_message(body) if got_status in (200, 400) else body.decode(errors="replace")
         sys.stderr.write("hostile: %s -> %s %r\n" % (label, got_status, posted))
@@ -55,10 +55,7 @@ class HostileInputTest(ServerTestCase):
             self.assertEqual(got_status, status, body[:300])
             if got_status in (200, 400):
                 self.assertIsNotNone(posted, "not one script string: %r" % body[:300])
-            if message is not None:
-                self.assertEqual(posted, message)
-            if contains is not None:
-                self.assertIn(contains, posted)
+            self.assertEqual(posted, message)
 
     def assert_still_serving(self):
         """A good upload after a group: the server took no harm, and wrote only inside."""
@@ -76,16 +73,14 @@ class HostileInputTest(ServerTestCase):
         return {name for name in set(os.listdir(self.uploads)) - self.before
                 if not name.startswith("good-")}
 
-    def test_names_that_leave_the_directory_or_name_no_file_are_refused(self):
+    def test_bad_names_are_refused_and_every_page_stays_one_script_string(self):
         outside = os.path.join(self.root, "outside.txt").encode()
+        refused = "Refused file name '%s': it contains a path separator"
         cases = [
-            # (input, filename bytes, status, message)
-            ("../ in the name", b"../escape.txt", 400,
-             "Refused file name '../escape.txt': it contains a path separator"),
-            ("../ deeper", b"a/../../escape.txt", 400,
-             "Refused file name 'a/../../escape.txt': it contains a path separator"),
-            ("absolute path", outside, 400,
-             "Refused file name '%s': it contains a path separator" % outside.decode()),
+            # (input, filename bytes or None for a bare empty one, status, message)
+            ("../ in the name", b"../escape.txt", 400, refused % "../escape.txt"),
+            ("../ deeper", b"a/../../escape.txt", 400, refused % "a/../../escape.txt"),
+            ("absolute path", outside, 400, refused % outside.decode()),
             ("NUL byte", b"nul\0.txt", 400, "Refused file name: it contains a NUL byte"),
             ("empty name", b"", 400, "Refused file name: it is empty"),
             ("bare empty name", None, 400, "Refused file name: it is empty"),
@@ -96,20 +91,9 @@ class HostileInputTest(ServerTestCase):
             ("invalid UTF-8", b"\xff\xfe.txt", 400, "Invalid UTF-8 in text"),
             # A backslash is no separator here: the file keeps its odd name, inside.
             ("backslashes", b"..\\..\\windows.txt", 200, "SUCCESS"),
-        ]
-        for label, name, status, message in cases:
-            part = file_part(name, b"payload") if name is not None else (
-                b'Content-Disposition: form-data; name="file"; filename=', b"payload")
-            self.check(label, self.send(multipart(b"b", [part])), status, message)
-        self.assertEqual(self.stored(), {"..\\..\\windows.txt"})
-        self.assertFalse(os.path.exists(outside))
-        self.assert_still_serving()
-
-    def test_result_pages_stay_one_script_string_whatever_the_text(self):
-        refused = "Refused file name '%s': it contains a path separator"
-        cases = [
-            ("</script> in an error text", "</script><script>alert(1)</script>".encode(),
-             400, refused % "</script><script>alert(1)</script>"),
+            # Error texts carrying what a script string must escape.
+            ("</script> in an error text", b"</script><script>alert(1)</script>", 400,
+             refused % "</script><script>alert(1)</script>"),
             ("backslash in an error text", b"back\\slash/x", 400, refused % "back\\slash/x"),
             ("U+2028 in an error text", "para\u2028sep/x".encode(), 400,
              refused % "para\u2028sep/x"),
@@ -122,8 +106,11 @@ class HostileInputTest(ServerTestCase):
             ("U+2028 in a stored name", "para\u2028sep.txt".encode(), 200, "SUCCESS"),
         ]
         for label, name, status, message in cases:
-            self.check(label, self.send(multipart(b"b", [file_part(name, b"x")])), status, message)
-        self.assertEqual(self.stored(), {"line", "para\u2028sep.txt"})
+            part = file_part(name, b"payload") if name is not None else (
+                b'Content-Disposition: form-data; name="file"; filename=', b"payload")
+            self.check(label, self.send(multipart(b"b", [part])), status, message)
+        self.assertEqual(self.stored(), {"..\\..\\windows.txt", "line", "para\u2028sep.txt"})
+        self.assertFalse(os.path.exists(outside))
         self.assert_still_serving()
 
     def test_odd_disposition_parameters_follow_the_module_rules(self):
@@ -143,29 +130,32 @@ class HostileInputTest(ServerTestCase):
             self.assertEqual(self.stored() - before, {stored} if stored else set(), label)
         self.assert_still_serving()
 
-    def test_bodies_without_a_usable_boundary_or_header_end_are_refused(self):
+    def test_bodies_without_a_usable_body_boundary_or_header_end_are_refused(self):
         name = file_part(b"never.txt", b"")[0]
         cases = [
-            ("100,000 empty parts", multipart(b"b", [(b"", b"")] * 100000), 400,
+            ("no body", b"", b"b", "Request Body is corrupted or null"),
+            ("no boundary parameter", b"x", None,
+             "Malformed multipart request - boundary not defined"),
+            ("100,000 empty parts", multipart(b"b", [(b"", b"")] * 100000), b"b",
              "Malformed multi-part request, no file name found"),
             ("part header block of 10 MiB that never ends",
-             b"--b\r\n" + name + b"\r\nX-Pad: " + b"p" * (10 * MIB), 400,
+             b"--b\r\n" + name + b"\r\nX-Pad: " + b"p" * (10 * MIB), b"b",
              "Malformed multi-part request, no header fields found"),
-            ("50 MiB of preamble, no boundary", b"preamble " * (50 * MIB // 9), 400,
+            ("50 MiB of preamble, no boundary", b"preamble " * (50 * MIB // 9), b"b",
              "Malformed multi-part request"),
             # No dash in the content, where "--b" would end the part early.
             ("body cut off mid-part",
-             multipart(b"b", [file_part(b"never.txt", b"\xff" * MIB)])[:MIB // 2], 400,
+             multipart(b"b", [file_part(b"never.txt", b"\xff" * MIB)])[:MIB // 2], b"b",
              "Malformed multi-part request"),
             ("LF-only framing", multipart(b"b", [file_part(b"never.txt", b"x")], newline=b"\n"),
-             400, "Malformed multi-part request, no header fields found"),
+             b"b", "Malformed multi-part request, no header fields found"),
         ]
-        for label, body, status, message in cases:
-            self.check(label, self.send(body), status, message)
+        for label, body, boundary, message in cases:
+            self.check(label, self.send(body, boundary), 400, message)
         # An HTTP header block that never ends is cut off at the server's header limit.
         head = b"POST /users HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Pad: " + b"p" * (10 * MIB)
         self.check("HTTP header block of 10 MiB that never ends", self.send(b"", head=head), 431,
-                   contains="Request Header Fields Too Large")
+                   "Request Header Fields Too Large\n")
         self.assertEqual(self.stored(), set())
         self.assert_still_serving()
 
@@ -188,6 +178,9 @@ class HostileInputTest(ServerTestCase):
     def test_stalled_and_vanished_uploads_leave_nothing_and_free_the_connection(self):
         body = multipart(b"b", [file_part(b"stalled.bin", os.urandom(4 * MIB))])
         failures = self.server.logged().count("read body: ")
+        # A connection that never sends a request is closed too.
+        with self.server.connect() as connection:
+            self.assertEqual(connection.recv(1), b"")
         # Content-Length promises more than arrives: the idle timeout closes the connection.
         with self.server.connect() as connection:
             connection.sendall(request_head(b"/users", b"b", len(body) + 1) + body)
