@@ -2,13 +2,12 @@
 #include "file_upload/MultipartUploadServiceProvider.h"
 #include "host/DiskFileService.h"
 #include "host/RequestDispatcher.h"
+#include "tests/host/support/UploadDirectoryTest.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -19,7 +18,6 @@
 namespace kestrin::host {
 namespace {
 
-namespace fs = std::filesystem;
 using file_common::v1::File;
 using file_common::v1::FileInfo;
 
@@ -66,42 +64,24 @@ private:
     size_t count = 0;
 };
 
-// The module stores under the working directory: each test works in a fresh upload
-// directory inside a fresh root, so a file written anywhere else shows up in root.
-class UploadFaultTest : public ::testing::Test {
+// The module stores under the working directory, so each test works from the upload
+// directory; a file written anywhere else shows up in root.
+class UploadFaultTest : public UploadDirectoryTest {
 protected:
     void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "kestrin-fault-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        root = fs::canonical(pattern);
-        uploads = root / "uploads";
-        fs::create_directory(uploads);
-        previous = fs::current_path();
-        fs::current_path(uploads);
+        UploadDirectoryTest::SetUp();
+        previous = std::filesystem::current_path();
+        std::filesystem::current_path(uploads);
         // With a file size limit, an oversized write fails instead of killing the process.
         previousHandler = std::signal(SIGXFSZ, SIG_IGN);
     }
     void TearDown() override {
         std::signal(SIGXFSZ, previousHandler);
-        fs::current_path(previous);
-        fs::remove_all(root);
+        std::filesystem::current_path(previous);
+        UploadDirectoryTest::TearDown();
     }
 
-    static std::string contents(const fs::path& path) {
-        std::ifstream file(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
-    static std::set<std::string> names(const fs::path& directory) {
-        std::set<std::string> found;
-        for (const auto& entry : fs::directory_iterator(directory)) {
-            found.insert(entry.path().filename().string());
-        }
-        return found;
-    }
-
-    fs::path root;
-    fs::path uploads;
-    fs::path previous;
+    std::filesystem::path previous;
     void (*previousHandler)(int) = SIG_DFL;
 };
 
@@ -138,9 +118,9 @@ TEST_F(UploadFaultTest, aFailedWriteKeepsEarlierFilesWholeLeavesNoPartOfItAndNam
     };
     for (const Case& c : cases) {
         SCOPED_TRACE("write " + std::to_string(c.failingWrite) + ": " + c.message);
-        fs::remove_all(uploads);
-        fs::create_directory(uploads);
-        fs::current_path(uploads);
+        std::filesystem::remove_all(uploads);
+        std::filesystem::create_directory(uploads);
+        std::filesystem::current_path(uploads);
         auto disk = std::make_shared<DiskFileService>(uploads.string());
         auto provider = http::makeServiceProvider<MultipartUploadServiceProvider>(
             std::make_shared<FailingFileService>(disk, c.failingWrite, c.fault),
