@@ -1,6 +1,7 @@
 #include "host/DataBufferBody.h"
 
 #include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/write.hpp>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -21,7 +22,11 @@ namespace http = beast::http;
 namespace net = boost::asio;
 
 using Parser = http::request_parser<DataBufferBody>;
-using namespace std::string_literals;
+
+// A string of every byte of a literal, NUL bytes included.
+template <std::size_t n> std::string bytes(const char (&text)[n]) {
+    return std::string(text, n - 1);
+}
 
 std::string bytesOf(const common::DataBuffer& buffer) {
     if (buffer.getSize() == 0) {
@@ -70,8 +75,8 @@ Outcome parseSplitAt(const std::string& request, std::size_t split) {
 }
 
 // A body with everything a multipart parser trips on: CR LF, "--", NUL and high bytes.
-const std::string body = "--xyz\r\nContent-Disposition: form-data; name=\"file\"; "
-                         "filename=\"a.bin\"\r\n\r\n--\r\n\0\xff--xyz-\r\n--xyz--\r\n"s;
+const std::string body = bytes("--xyz\r\nContent-Disposition: form-data; name=\"file\"; "
+                               "filename=\"a.bin\"\r\n\r\n--\r\n\0\xff--xyz-\r\n--xyz--\r\n");
 
 TEST(DataBufferBody, readsOneRequestIdenticallyWhereverItIsSplit) {
     const std::string sized =
@@ -130,6 +135,17 @@ TEST(DataBufferBody, reportsLimitsAndAllocationFailureAsErrorCodes) {
         EXPECT_EQ(feed(parser, pending, c.header + "x"), c.expected);
         EXPECT_EQ(parser.get().body().getSize(), 0u);
     }
+}
+
+TEST(DataBufferBody, writesTheBufferAsTheResponseBody) {
+    http::response<DataBufferBody> response(http::status::ok, 11);
+    response.set(http::field::content_type, "text/html; charset=utf-8");
+    response.body() = common::DataBuffer(bytes("<p>\0</p>"));
+    response.prepare_payload();
+    std::ostringstream out;
+    out << response;
+    EXPECT_EQ(out.str(), bytes("HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\n"
+                               "Content-Length: 8\r\n\r\n<p>\0</p>"));
 }
 
 } // namespace
