@@ -1,4 +1,5 @@
 #include "common/Future.h"
+#include "tests/common/support/ThrownText.h"
 
 #include <gtest/gtest.h>
 
@@ -11,19 +12,7 @@
 
 using kestrin::Future;
 using kestrin::Promise;
-
-namespace {
-
-template <typename Exception, typename Call> std::string thrownText(Call&& call) {
-    try {
-        call();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    return "<nothing thrown>";
-}
-
-} // namespace
+using kestrin::testing::thrownText;
 
 TEST(SharedFutureState, blockedConsumerIsWokenByProducerOnAnotherThread) {
     Promise<std::unique_ptr<std::string>> promise;

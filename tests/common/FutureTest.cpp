@@ -1,5 +1,7 @@
 #include "common/Future.h"
 
+#include "tests/common/support/ThrownText.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,17 +14,9 @@ using kestrin::makeExceptionalFuture;
 using kestrin::makeReadyFuture;
 using kestrin::Promise;
 using kestrin::detail::SharedFutureState;
+using kestrin::testing::thrownText;
 
 namespace {
-
-template <typename Exception, typename Call> std::string thrownText(Call&& call) {
-    try {
-        call();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    return "<nothing thrown>";
-}
 
 const char* const alreadyRetrieved =
     "Future already returned it's value or has an associated continuation.";
