@@ -46,21 +46,32 @@ RequestDispatcher::Destination RequestDispatcher::route(std::string_view method,
 }
 
 Reply RequestDispatcher::callService(http::HttpServiceProvider& provider, const Address& address,
-                                     std::optional<std::string> boundary,
-                                     common::DataBuffer&& body) {
+                                     std::optional<std::string> boundary, common::DataBuffer&& body,
+                                     common::DataBuffer* returned) {
+    using BodyPublisher = reactive_streams::OneShotPublisher<common::DataBuffer>;
+    std::shared_ptr<BodyPublisher> stream;
+    // Runs on every way out, after the service has answered or failed.
+    struct GiveBack {
+        std::shared_ptr<BodyPublisher>& stream;
+        common::DataBuffer* returned;
+        ~GiveBack() {
+            // The last holder: nobody else can reach the body any more.
+            if (returned != nullptr && stream && stream.use_count() == 1) {
+                *returned = stream->releaseItem();
+            }
+        }
+    } giveBack{stream, returned};
     try {
         http::HttpRequest::Parameters parameters;
         if (boundary) {
             parameters.emplace("boundary", std::move(*boundary));
         }
-        std::shared_ptr<http::HttpRequest::Body> stream;
         if (body.getSize() > 0) {
-            stream = std::make_shared<reactive_streams::OneShotPublisher<common::DataBuffer>>(
-                std::move(body));
+            stream = std::make_shared<BodyPublisher>(std::move(body));
         }
         std::unique_ptr<Message> message =
             std::make_unique<ServiceMessage<http::HttpServiceProvider>>(
-                std::make_unique<http::HttpRequest>(std::move(stream), std::move(parameters)));
+                std::make_unique<http::HttpRequest>(stream, std::move(parameters)));
 
         Future<std::unique_ptr<Message>> future = provider.processMessage(
             std::move(message), Address(address), std::make_shared<Context>());

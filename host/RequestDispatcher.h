@@ -47,9 +47,12 @@ public:
     // Delivers one request to provider and waits for its answer, so it blocks while the
     // service works: call it on a service thread. The body becomes the request's body stream
     // only when it holds at least one byte; boundary is filed under "boundary" when present.
-    // Never throws: a refused message is 503, any other failure 500.
+    // Never throws: a refused message is 503, any other failure 500. When the service has
+    // let go of the body stream by the time it answers, the body's buffer is moved back into
+    // returned (if given), so its storage can take the next request.
     static Reply callService(http::HttpServiceProvider& provider, const Address& address,
-                             std::optional<std::string> boundary, common::DataBuffer&& body);
+                             std::optional<std::string> boundary, common::DataBuffer&& body,
+                             common::DataBuffer* returned = nullptr);
 
     static Reply plainText(unsigned status, std::string_view text, std::string detail = {});
     static Reply demoPageReply();

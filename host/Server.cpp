@@ -1,5 +1,6 @@
 #include "host/Server.h"
 
+#include "host/BodyBufferPool.h"
 #include "host/DataBufferBody.h"
 #include "host/DiscardBody.h"
 #include "host/HttpRules.h"
@@ -69,11 +70,13 @@ struct Shared {
     Shared(const ServerOptions& serverOptions, std::shared_ptr<const RequestDispatcher> router)
         : options(serverOptions)
         , dispatcher(std::move(router))
-        , services(std::max(1u, serverOptions.serviceThreads)) {}
+        , services(std::max(1u, serverOptions.serviceThreads))
+        , bodies(serverOptions.keptBodyBytes) {}
 
     ServerOptions options;
     std::shared_ptr<const RequestDispatcher> dispatcher;
     net::thread_pool services;
+    BodyBufferPool bodies;
     std::atomic<bool> stopping{false};
     std::mutex mutex;
     std::unordered_map<const Session*, std::weak_ptr<Session>> sessions;
@@ -181,6 +184,7 @@ private:
             case RequestDispatcher::Destination::Kind::notFound:
                 return sendReply(RequestDispatcher::plainText(404, "Not Found"));
             case RequestDispatcher::Destination::Kind::service:
+                useKeptBody();
                 break;
             }
         }
@@ -188,6 +192,20 @@ private:
             return doContinue();
         }
         doReadBody();
+    }
+
+    // The parser has just reserved a block for the announced body, which no byte has touched
+    // yet; storage kept from an earlier body of at least that size replaces it.
+    void useKeptBody() {
+        const boost::optional<std::uint64_t> length = parser->content_length();
+        common::DataBuffer& body = parser->get().body();
+        if (!length || body.getSize() != 0) {
+            return;
+        }
+        common::DataBuffer kept = shared->bodies.take(static_cast<std::size_t>(*length));
+        if (kept.getCapacity() >= *length) {
+            body.swap(kept);
+        }
     }
 
     // Clients that wait for a go-ahead before sending a large body get it only here, after
@@ -267,8 +285,10 @@ private:
                                      provider = destination.provider, address = destination.address,
                                      boundary = std::move(boundary),
                                      body = std::move(request.body())]() mutable {
+            common::DataBuffer returned;
             Reply reply = RequestDispatcher::callService(*provider, address, std::move(boundary),
-                                                         std::move(body));
+                                                         std::move(body), &returned);
+            self->shared->bodies.give(std::move(returned));
             net::post(self->stream.get_executor(), [self, reply = std::move(reply)]() mutable {
                 self->sendReply(std::move(reply));
             });

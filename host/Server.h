@@ -18,6 +18,9 @@ struct ServerOptions {
     // so this many uploads are stored at once, however many cores there are.
     unsigned serviceThreads = 16;
     std::chrono::seconds idleTimeout{30};
+    // Request-body storage kept for later requests once its request is done, in bytes: a
+    // large upload then lands in memory whose pages exist already. 0 frees every body.
+    std::uint64_t keptBodyBytes = std::uint64_t{512} << 20;
     // A path whose requests are read and dropped without reaching any service, answered 200:
     // the floor the upload path is measured against. Empty: no such route.
     std::string discardRoute;

@@ -43,6 +43,10 @@ Options:
                         (default: the working directory)
   --max-body BYTES      largest request body accepted, with an optional K, M or G suffix
                         (default 1G); larger bodies get 413 before they are read
+  --keep-body-memory BYTES
+                        memory of finished request bodies (each of 1M or more) kept to receive
+                        later bodies into, with an optional K, M or G suffix: a large upload
+                        then skips faulting in fresh pages (default 512M; 0 frees each body)
   --threads N           IO threads (default: the core count)
   --service-threads N   threads that run uploads, each held until its files are written, and
                         as many file writer threads: N uploads are stored at once (default 16)
@@ -161,6 +165,8 @@ Arguments parseArguments(int argc, char** argv) {
             }
         } else if (flag == "--max-body") {
             arguments.server.maxBody = parseNumber(flag, takeValue(), true);
+        } else if (flag == "--keep-body-memory") {
+            arguments.server.keptBodyBytes = parseNumber(flag, takeValue(), true);
         } else if (flag == "--threads") {
             const std::uint64_t threads = parseNumber(flag, takeValue(), false);
             if (threads == 0 || threads > 1024) {

@@ -42,6 +42,10 @@ public:
     // The first subscriber for life; any later one gets std::invalid_argument and no signal.
     void subscribe(std::shared_ptr<SubscriberAPI<T>> newSubscriber) override;
 
+    // Moves the item out, for an owner that knows no subscriber will read it again (say, the
+    // only holder of a publisher whose stream has ended), so its storage can serve again.
+    T releaseItem() noexcept { return std::move(item); }
+
 private:
     void tryEmit();
 

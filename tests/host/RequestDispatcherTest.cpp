@@ -3,6 +3,7 @@
 #include "framework/HttpResponse.h"
 #include "framework/ServiceMessage.h"
 #include "reactive_streams/OneShotPublisher.h"
+#include "reactive_streams/Subscriber.h"
 
 #include <gtest/gtest.h>
 
@@ -33,13 +34,37 @@ public:
         return delivered.dispatch(weakSelf.lock(), std::move(message), std::move(address),
                                   std::move(context));
     }
-    Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&&, Address&&,
+    Future<std::unique_ptr<Message>> handle(std::unique_ptr<http::HttpRequest>&& request, Address&&,
                                             std::shared_ptr<Context>&&) override {
+        if (keepBody) {
+            keptBody = request->getBody();
+        }
         return answer();
     }
 
     Answer answer;
+    bool keepBody = false;
+    std::shared_ptr<http::HttpRequest::Body> keptBody;
 };
+
+// What a subscriber receives from a body stream.
+std::string readStream(http::HttpRequest::Body& stream) {
+    struct Reader final : reactive_streams::SubscriberAPI<common::DataBuffer> {
+        void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
+            subscription.lock()->request(1);
+        }
+        void onNext(common::DataBuffer& item) override {
+            text.assign(reinterpret_cast<const char*>(item.bytes()), item.getSize());
+        }
+        void onError(std::exception_ptr) override {}
+        void onComplete() override {}
+        Future<bool> getStatus() override { return makeReadyFuture(true); }
+        std::string text;
+    };
+    auto reader = std::make_shared<Reader>();
+    stream.subscribe(reader);
+    return reader->text;
+}
 
 TEST(RequestDispatcher, routesOnlyRoutedPathsWithAServiceAndTheDemoPage) {
     auto provider = http::makeServiceProvider<FakeProvider>();
@@ -114,6 +139,39 @@ TEST(RequestDispatcher, sendsAStreamedPageAndTurnsFailuresIntoHostErrors) {
             c.body);
         EXPECT_EQ(reply.contentType.rfind(c.status == 400 ? "text/html" : "text/plain", 0), 0u);
     }
+}
+
+TEST(RequestDispatcher, handsTheBodyBackOnlyOnceTheServiceHasLetGoOfIt) {
+    for (const bool fails : {false, true}) {
+        SCOPED_TRACE(fails ? "service failed" : "service answered");
+        auto provider = http::makeServiceProvider<FakeProvider>();
+        provider->running = true;
+        provider->answer = [fails]() -> Future<std::unique_ptr<Message>> {
+            if (fails) {
+                throw std::runtime_error("failed");
+            }
+            return http::makeReadyHttpResponse(200, "page");
+        };
+        common::DataBuffer body("body bytes");
+        const uint8_t* storage = body.bytes();
+        common::DataBuffer returned;
+        RequestDispatcher::callService(*provider, Address("upload"), std::nullopt, std::move(body),
+                                       &returned);
+        EXPECT_EQ(returned.bytes(), storage);
+        EXPECT_EQ(returned.getSize(), 10u);
+    }
+
+    // A service that still holds the stream may still read it: the bytes stay where they are.
+    auto provider = http::makeServiceProvider<FakeProvider>();
+    provider->running = true;
+    provider->keepBody = true;
+    provider->answer = [] { return http::makeReadyHttpResponse(200, "page"); };
+    common::DataBuffer returned;
+    RequestDispatcher::callService(*provider, Address("upload"), std::nullopt,
+                                   common::DataBuffer("body bytes"), &returned);
+    EXPECT_EQ(returned.bytes(), nullptr);
+    ASSERT_NE(provider->keptBody, nullptr);
+    EXPECT_EQ(readStream(*provider->keptBody), "body bytes");
 }
 
 } // namespace
