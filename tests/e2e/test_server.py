@@ -35,6 +35,27 @@ class UploadTest(ServerTestCase):
                                  hashlib.sha256(data).hexdigest(), name)
         self.assert_outside_untouched()
 
+    def test_requests_sent_back_to_back_are_each_read_to_their_own_end(self):
+        # One send holding two uploads and a discarded body: each body is cut at its own
+        # Content-Length, whatever arrived with its header and whatever follows it.
+        stored = {"pipelined-1.bin": os.urandom(70000), "pipelined-2.bin": os.urandom(200000)}
+        requests = b""
+        for name, data in stored.items():
+            body = multipart(b"pipe", [file_part(name.encode(), data)])
+            requests += request_head(b"/users", b"pipe", len(body)).replace(
+                b"Connection: close", b"Connection: keep-alive") + body
+        dropped = multipart(b"pipe", [file_part(b"dropped", os.urandom(90000))])
+        requests += request_head(b"/sink", b"pipe", len(dropped)) + dropped
+        with self.server.connect() as connection:
+            connection.sendall(requests)
+            status, rest = read_response(connection)
+        self.assertEqual(status, 200)
+        self.assertEqual(rest.count(SUCCESS_PAGE), 2, rest)
+        self.assertTrue(rest.endswith(b"Discarded %d body bytes\n" % len(dropped)), rest)
+        for name, data in stored.items():
+            self.assertEqual(sha256(os.path.join(self.uploads, name)),
+                             hashlib.sha256(data).hexdigest(), name)
+
     def test_host_answers_and_the_discard_route_store_nothing(self):
         self.assertEqual(self.curl("/never-routed-path"), (404, b"Not Found\n"))
         # One access log line per request: joined, they match only when there is one.
