@@ -205,8 +205,8 @@ void tuneAllocator() {
     mallopt(M_TRIM_THRESHOLD, 64 * 1024 * 1024);
 }
 
-// Every large upload touches fresh pages twice, for its body and for the part cut out of it,
-// and the system then reads them once more to write the file. Each first touch of a page is a
+// Every large upload touches fresh pages for the part cut out of its body, and for the body
+// itself unless kept memory takes it; the system then reads them once more to write the file. Each first touch of a page is a
 // fault, which costs far more than the copy itself (several times more on virtual machines),
 // and a 2 MiB page takes one fault where 4 KiB pages take 512. glibc asks the system for huge
 // pages for its large blocks only when told so by GLIBC_TUNABLES, which it reads once, at
