@@ -281,8 +281,8 @@ private:
             return discardParser ? sendDiscarded(directLength) : callService();
         }
         stream.expires_after(shared->options.idleTimeout);
-        stream.async_read_some(directTarget(), beast::bind_front_handler(&Session::onReadDirect,
-                                                                         shared_from_this()));
+        stream.async_read_some(
+            directTarget(), beast::bind_front_handler(&Session::onReadDirect, shared_from_this()));
     }
 
     void onReadDirect(beast::error_code ec, std::size_t count) {
@@ -331,8 +331,8 @@ private:
         requestRead = true;
         keepAlive = discardParser->get().keep_alive();
         bytesIn = count;
-        sendReply(RequestDispatcher::plainText(
-            200, "Discarded " + std::to_string(bytesIn) + " body bytes"));
+        sendReply(RequestDispatcher::plainText(200, "Discarded " + std::to_string(bytesIn) +
+                                                        " body bytes"));
     }
 
     void callService() {
@@ -440,8 +440,8 @@ private:
     std::string target;
     std::chrono::steady_clock::time_point started;
     std::uint64_t bytesIn = 0;
-    std::size_t directLength = 0; // size of a body read straight from the socket
-    std::size_t directRead = 0;   // how much of it has arrived
+    std::size_t directLength = 0;            // size of a body read straight from the socket
+    std::size_t directRead = 0;              // how much of it has arrived
     std::unique_ptr<std::uint8_t[]> scratch; // where the discard route drops its bytes
     unsigned version = 11;
     bool keepAlive = false;
