@@ -1,12 +1,10 @@
 #include "file_upload/MultipartUploadServiceImpl.h"
 
-#include <boost/token_functions.hpp>
-#include <boost/token_iterator.hpp>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string.h>
+#include <string_view>
 #include <utility>
 
 #if defined(__SSE2__)
@@ -140,26 +138,23 @@ BoundaryMatch findAnyMarker(const uint8_t* body, size_t last, size_t start, cons
     return noBoundary;
 }
 
-// The separators test every header byte against their delimiters with the traits' find; the
-// standard traits would make that a memchr call per byte, this one is an inline loop over the
-// one or two delimiters.
-struct DelimiterTraits : std::char_traits<char> {
-    static const char* find(const char* text, size_t count, const char& wanted) {
-        // The header separators have one or two delimiters.
-        if (count == 1) {
-            return text[0] == wanted ? text : nullptr;
-        }
-        if (count == 2) {
-            return text[0] == wanted ? text : text[1] == wanted ? text + 1 : nullptr;
-        }
-        for (size_t i = 0; i < count; ++i) {
-            if (text[i] == wanted) {
-                return text + i;
+// Calls visit with each token of text: the runs of characters between delimiters, empty runs
+// dropped, delimiters never returned. A header block is split this way into lines (at every
+// CR and every LF) and each line into fields (at ";"). Tokens are views into text, so
+// splitting copies nothing; only the key and value of each field become strings. The
+// delimiter test is inline: find_first_of would call memchr for every header byte.
+template <typename IsDelimiter, typename Visit>
+void forEachToken(std::string_view text, IsDelimiter isDelimiter, Visit&& visit) {
+    size_t start = 0;
+    for (size_t i = 0; i <= text.size(); ++i) {
+        if (i == text.size() || isDelimiter(text[i])) {
+            if (i > start) {
+                visit(text.substr(start, i - start));
             }
+            start = i + 1;
         }
-        return nullptr;
     }
-};
+}
 
 } // namespace
 
@@ -255,40 +250,27 @@ void MultipartUploadServiceImpl::parseHeaders(DataBuffer& body,
                                               std::map<std::string, std::string>& headers,
                                               size_t offset, size_t length) {
     const char* bytes = reinterpret_cast<const char*>(body.getData());
-    const std::string block(bytes + offset, length);
-
-    using Separator = boost::char_separator<char, DelimiterTraits>;
-    using Tokens =
-        boost::token_iterator_generator<Separator, std::string::const_iterator, std::string>::type;
-    static const Separator lineSeparator("\r\n");
-    static const Separator fieldSeparator(";");
-    // A default iterator equals every iterator that has run out of tokens.
-    const Tokens end;
-    for (Tokens line =
-             boost::make_token_iterator<std::string>(block.begin(), block.end(), lineSeparator);
-         line != end; ++line) {
-        // The line iterator keeps its token until it moves on.
-        const std::string& text = *line;
-        for (Tokens field =
-                 boost::make_token_iterator<std::string>(text.begin(), text.end(), fieldSeparator);
-             field != end; ++field) {
-            const std::string& part = *field;
+    const std::string_view block(bytes + offset, length);
+    const auto endsLine = [](char c) { return c == '\r' || c == '\n'; };
+    const auto endsField = [](char c) { return c == ';'; };
+    forEachToken(block, endsLine, [&](std::string_view line) {
+        forEachToken(line, endsField, [&](std::string_view field) {
             // The header's own name and type ("Content-Disposition: form-data") is no parameter.
-            if (part.find("Content-Disposition") != std::string::npos) {
-                continue;
+            if (field.find("Content-Disposition") != std::string_view::npos) {
+                return;
             }
-            const size_t equals = part.find('=');
-            std::string key = part.substr(0, equals);
+            const size_t equals = field.find('=');
+            std::string key(field.substr(0, equals));
             // Without "=", equals + 1 wraps to 0 and the value is the field minus its last
             // character: odd, but it is how such fields have always been read.
-            std::string value = part.substr(equals + 1, part.size() - 1);
+            std::string value(field.substr(equals + 1, field.size() - 1));
             trimLeadTrailWhiteSpaces(key);
             trimDoubleQoutes(key);
             trimLeadTrailWhiteSpaces(value);
             trimDoubleQoutes(value);
             headers.insert_or_assign(std::move(key), std::move(value));
-        }
-    }
+        });
+    });
 }
 
 void MultipartUploadServiceImpl::trimLeadTrailWhiteSpaces(std::string& text) {
