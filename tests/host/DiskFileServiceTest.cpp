@@ -43,7 +43,14 @@ TEST_F(DiskFileServiceTest, storesBytesExactlyReplacesOnlyWhenAskedAndLeavesNoTe
     EXPECT_THROW(write(service, in("a.bin"), "kept", false).get(), std::runtime_error);
     EXPECT_EQ(contents(uploads / "a.bin"), "short");
     write(service, in("empty"), "").get();
-    EXPECT_EQ(names(uploads), (std::set<std::string>{"a.bin", "empty"}));
+    // Large files go out in windows of 8 MiB: several whole ones and a ragged end.
+    std::string large(2 * (8 << 20) + 4096 * 3 + 123, '\0');
+    for (size_t i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<char>(i * 131 + (i >> 20));
+    }
+    write(service, in("large"), large).get();
+    EXPECT_TRUE(contents(uploads / "large") == large);
+    EXPECT_EQ(names(uploads), (std::set<std::string>{"a.bin", "empty", "large"}));
 }
 
 TEST_F(DiskFileServiceTest, refusesEveryPathThatIsNotADirectChildAndWritesNothing) {
