@@ -64,24 +64,21 @@ void writeAll(int fd, const uint8_t* bytes, size_t count) {
 // virtual machines the first touch of a page costs more than the copy into it), and the disk
 // works while later windows are copied. Nothing here makes the bytes durable: the caller
 // still fsyncs. A stored file is not left in the page cache.
-void writeThrough(int fd, const uint8_t* bytes, size_t count, const std::string& name) {
+void writeThrough(int fd, const uint8_t* bytes, size_t count) {
     constexpr size_t window = size_t{8} << 20;
     constexpr size_t inFlight = 2; // windows sent to the disk and not yet waited for
     for (size_t offset = 0, index = 0; offset < count; offset += window, ++index) {
         const size_t length = std::min(window, count - offset);
         writeAll(fd, bytes + offset, length);
-        if (::sync_file_range(fd, static_cast<off_t>(offset), static_cast<off_t>(length),
-                              SYNC_FILE_RANGE_WRITE) != 0) {
-            throw systemError("Cannot flush " + name);
-        }
+        // Hints about when to write, and their failures too: a write that fails is reported
+        // by the fsync that follows, which every filesystem supports.
+        ::sync_file_range(fd, static_cast<off_t>(offset), static_cast<off_t>(length),
+                          SYNC_FILE_RANGE_WRITE);
         if (index >= inFlight) {
             const auto oldest = static_cast<off_t>(offset - inFlight * window);
-            if (::sync_file_range(fd, oldest, static_cast<off_t>(window),
-                                  SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
-                                      SYNC_FILE_RANGE_WAIT_AFTER) != 0) {
-                throw systemError("Cannot flush " + name);
-            }
-            // Advice only: a refusal costs cache, not data.
+            ::sync_file_range(fd, oldest, static_cast<off_t>(window),
+                              SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                                  SYNC_FILE_RANGE_WAIT_AFTER);
             ::posix_fadvise(fd, oldest, static_cast<off_t>(window), POSIX_FADV_DONTNEED);
         }
     }
@@ -208,7 +205,7 @@ file_common::v1::FileInfo DiskFileService::store(file_common::v1::File& file,
         }
         const size_t size = file.content.getSize();
         if (size > 0) {
-            writeThrough(out.get(), file.content.bytes(), size, name);
+            writeThrough(out.get(), file.content.bytes(), size);
         }
         if (::fsync(out.get()) != 0) {
             throw systemError("Cannot flush " + name);
