@@ -238,7 +238,7 @@ private:
         const common::DataBuffer& body = parser->get().body();
         if (!parser->chunked() && parser->content_length() && body.getSize() == 0 &&
             body.getCapacity() >= *parser->content_length()) {
-            return startDirectBody(static_cast<std::size_t>(*parser->content_length()));
+            return startDirect(static_cast<std::size_t>(*parser->content_length()));
         }
         stream.expires_after(shared->options.idleTimeout);
         http::async_read_some(stream, buffer, *parser,
@@ -249,9 +249,10 @@ private:
     // pieces as large as the socket has ready: the parser would first read each piece into
     // the connection's small buffer and then copy it. The parser has nothing left to check in
     // such a body; it only hands over the message once the bytes are in.
-    void startDirectBody(std::size_t length) {
-        common::DataBuffer& body = parser->get().body();
-        body.resize(length);
+    void startDirect(std::size_t length) {
+        if (!discardParser) {
+            parser->get().body().resize(length);
+        }
         directLength = length;
         directRead = 0;
         doReadDirect();
@@ -311,16 +312,14 @@ private:
         doReadBody();
     }
 
-    // Read as fast as the upload path reads, or the floor it is measured against would be
-    // too low.
+    // Reads the way the upload path reads: a slower read here would make the floor the upload
+    // is measured against slower than the machine, and flatter the upload.
     void doReadDiscarded() {
         if (discardParser->is_done()) {
             return sendDiscarded(discardParser->get().body());
         }
         if (!discardParser->chunked() && discardParser->content_length()) {
-            directLength = static_cast<std::size_t>(*discardParser->content_length());
-            directRead = 0;
-            return doReadDirect();
+            return startDirect(static_cast<std::size_t>(*discardParser->content_length()));
         }
         stream.expires_after(shared->options.idleTimeout);
         http::async_read_some(stream, buffer, *discardParser,
