@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -21,8 +22,65 @@ namespace kestrin::host {
 
 namespace {
 
+// Client text quoted in an error message is cut to this many bytes.
+constexpr std::size_t echoLimit = 200;
+
 std::runtime_error systemError(const std::string& what) {
     return std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+bool isControl(unsigned char byte) {
+    return byte < 0x20 || byte == 0x7f;
+}
+
+bool isSurrogate(char16_t unit) {
+    return unit >= 0xd800 && unit <= 0xdfff;
+}
+
+bool isFirstOfPair(char16_t unit) {
+    return unit >= 0xd800 && unit <= 0xdbff;
+}
+
+// Whether text takes more than limit bytes as UTF-8. A code unit takes at least one byte, so a
+// text of more units than that is too long before any of them is read.
+bool longerInUtf8(std::u16string_view text, std::size_t limit) {
+    if (text.size() > limit) {
+        return true;
+    }
+    std::size_t bytes = 0;
+    for (const char16_t unit : text) {
+        // Each half of a surrogate pair counts two: four bytes for the character.
+        bytes += unit < 0x80 ? 1 : (unit < 0x800 || isSurrogate(unit)) ? 2 : 3;
+    }
+    return bytes > limit;
+}
+
+// Client text fit to quote in an error message: at most echoLimit bytes of UTF-8, cut at a
+// character boundary and then marked with "...", control characters shown as '?' so that no
+// message carries a terminal escape sequence. Throws std::runtime_error on invalid UTF-16 in
+// the part it shows.
+std::string echo(std::u16string_view text) {
+    std::u16string_view shown = text.substr(0, echoLimit);
+    if (shown.size() < text.size() && isFirstOfPair(shown.back())) {
+        shown.remove_suffix(1); // its second half is cut off
+    }
+    std::string quoted = ost::i18n::to_string(std::u16string(shown));
+    bool cut = shown.size() < text.size();
+    if (quoted.size() > echoLimit) {
+        std::size_t end = echoLimit;
+        while ((static_cast<unsigned char>(quoted[end]) & 0xc0) == 0x80) {
+            --end;
+        }
+        quoted.resize(end);
+        cut = true;
+    }
+    std::replace_if(
+        quoted.begin(), quoted.end(),
+        [](char c) { return isControl(static_cast<unsigned char>(c)); }, '?');
+    if (cut) {
+        quoted += "...";
+    }
+    return quoted;
 }
 
 // Closes the descriptor unless it was handed over with release().
@@ -93,6 +151,13 @@ DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned wr
         throw systemError("Cannot resolve upload directory " + uploadDirectory);
     }
     directory = resolved.get();
+    try {
+        directoryPrefix = ost::i18n::to_ustring(
+            directory + "/", ost::i18n::codecvt_string_to_ustring("UTF-8", true));
+    } catch (const std::runtime_error&) {
+        throw std::runtime_error("Cannot use upload directory " + directory +
+                                 ": its name is not UTF-8");
+    }
     removeLeftovers();
     writerCount = std::max(1u, writerCount);
     writers.reserve(writerCount);
@@ -123,11 +188,17 @@ void DiskFileService::stopWriters() noexcept {
 
 Future<file_common::v1::FileInfo> DiskFileService::writeFile(file_common::v1::File&& file,
                                                              bool overwrite) {
+    std::string name;
+    try {
+        name = targetName(file.info.path);
+    } catch (const std::exception&) {
+        return makeExceptionalFuture<file_common::v1::FileInfo>(std::current_exception());
+    }
     Promise<file_common::v1::FileInfo> promise;
     Future<file_common::v1::FileInfo> future = promise.getFuture();
     {
         std::lock_guard<std::mutex> guard(mutex);
-        queue.push_back(Job{std::move(file), overwrite, std::move(promise)});
+        queue.push_back(Job{std::move(file), std::move(name), overwrite, std::move(promise)});
     }
     wake.notify_one();
     return future;
@@ -147,7 +218,7 @@ void DiskFileService::run() {
         std::optional<file_common::v1::FileInfo> stored;
         std::exception_ptr failure;
         try {
-            stored.emplace(store(job.file, job.overwrite));
+            stored.emplace(store(job));
         } catch (...) {
             failure = std::current_exception();
         }
@@ -163,23 +234,34 @@ void DiskFileService::run() {
 }
 
 std::string DiskFileService::targetName(const std::u16string& path) const {
-    const std::string text = ost::i18n::to_string(path);
-    const std::string prefix = directory + "/";
-    if (text.compare(0, prefix.size(), prefix) != 0) {
-        throw std::runtime_error("Refused path " + text + ": it is not in the upload directory");
+    const std::u16string_view whole(path);
+    if (whole.compare(0, directoryPrefix.size(), directoryPrefix) != 0) {
+        throw std::runtime_error("Refused path " + echo(whole) +
+                                 ": it is not in the upload directory");
     }
-    const std::string name = text.substr(prefix.size());
-    if (name.empty()) {
+    const std::u16string_view unchecked = whole.substr(directoryPrefix.size());
+    if (unchecked.empty()) {
         throw std::runtime_error("Refused file name: it is empty");
     }
+    // Before anything is converted or copied: the client chooses the length.
+    if (longerInUtf8(unchecked, maxNameBytes)) {
+        throw std::runtime_error("Refused file name: it is longer than " +
+                                 std::to_string(maxNameBytes) + " bytes");
+    }
+    const std::string name = ost::i18n::to_string(std::u16string(unchecked));
     if (name == "." || name == "..") {
         throw std::runtime_error("Refused file name '" + name + "': it names a directory");
     }
-    if (name.find('/') != std::string::npos) {
-        throw std::runtime_error("Refused file name '" + name + "': it contains a path separator");
-    }
+    // Checked before any refusal that quotes the name, so no message carries such a byte.
     if (name.find('\0') != std::string::npos) {
         throw std::runtime_error("Refused file name: it contains a NUL byte");
+    }
+    if (std::any_of(name.begin(), name.end(),
+                    [](char c) { return isControl(static_cast<unsigned char>(c)); })) {
+        throw std::runtime_error("Refused file name: it contains a control character");
+    }
+    if (name.find('/') != std::string::npos) {
+        throw std::runtime_error("Refused file name '" + name + "': it contains a path separator");
     }
     if (name.compare(0, tempPrefix.size(), tempPrefix) == 0) {
         throw std::runtime_error("Refused file name '" + name +
@@ -188,9 +270,9 @@ std::string DiskFileService::targetName(const std::u16string& path) const {
     return name;
 }
 
-file_common::v1::FileInfo DiskFileService::store(file_common::v1::File& file,
-                                                 bool overwrite) const {
-    const std::string name = targetName(file.info.path);
+file_common::v1::FileInfo DiskFileService::store(Job& job) const {
+    const std::string& name = job.name;
+    const file_common::v1::File& file = job.file;
     const std::string target = directory + "/" + name;
     std::string temp = directory + "/" + std::string(tempPrefix) + "XXXXXX";
 
@@ -214,9 +296,9 @@ file_common::v1::FileInfo DiskFileService::store(file_common::v1::File& file,
         if (::close(out.release()) != 0) {
             throw systemError("Cannot close " + name);
         }
-        const int renamed = overwrite ? ::rename(temp.c_str(), target.c_str())
-                                      : ::renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD,
-                                                    target.c_str(), RENAME_NOREPLACE);
+        const int renamed = job.overwrite ? ::rename(temp.c_str(), target.c_str())
+                                          : ::renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD,
+                                                        target.c_str(), RENAME_NOREPLACE);
         if (renamed != 0) {
             throw systemError("Cannot store " + name);
         }

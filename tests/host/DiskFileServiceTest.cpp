@@ -1,14 +1,17 @@
 #include "host/DiskFileService.h"
 
 #include "framework/Ost.h"
+#include "tests/common/support/ThrownText.h"
 #include "tests/host/support/UploadDirectoryTest.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <future>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,25 +21,33 @@ namespace {
 
 using file_common::v1::File;
 using file_common::v1::FileInfo;
+using kestrin::testing::thrownText;
 
-// Which names the module can send at all is checked end to end (test_hostile.py); here are
-// the paths only a caller of the service itself can hand in.
+// How the module's names reach the page is checked end to end (test_hostile.py); here are the
+// paths only a caller of the service itself can hand in, and the limits on names.
 class DiskFileServiceTest : public UploadDirectoryTest {
 protected:
     static std::u16string u16(const std::string& text) {
         return ost::i18n::to_ustring(text, ost::i18n::codecvt_string_to_ustring("UTF-8", true));
     }
-    Future<FileInfo> write(DiskFileService& service, const std::string& path,
-                           const std::string& bytes, bool overwrite = true) {
-        return service.writeFile(File(FileInfo(u16(path)), common::DataBuffer(bytes)), overwrite);
+    static std::string repeat(const std::string& text, size_t times) {
+        std::string repeated;
+        while (times-- > 0) {
+            repeated += text;
+        }
+        return repeated;
     }
-    std::string in(const std::string& name) const { return (uploads / name).string(); }
+    Future<FileInfo> write(DiskFileService& service, const std::u16string& path,
+                           const std::string& bytes, bool overwrite = true) {
+        return service.writeFile(File(FileInfo(path), common::DataBuffer(bytes)), overwrite);
+    }
+    std::u16string in(const std::string& name) const { return u16((uploads / name).string()); }
 };
 
 TEST_F(DiskFileServiceTest, storesBytesExactlyReplacesOnlyWhenAskedAndLeavesNoTempFiles) {
     DiskFileService service(uploads.string());
     const std::string binary("--\r\n\0\xff\r\n--x--\r\n", 14);
-    EXPECT_EQ(write(service, in("a.bin"), binary).get().path, u16(in("a.bin")));
+    EXPECT_EQ(write(service, in("a.bin"), binary).get().path, in("a.bin"));
     EXPECT_EQ(contents(uploads / "a.bin"), binary);
     write(service, in("a.bin"), "short").get();
     EXPECT_EQ(contents(uploads / "a.bin"), "short");
@@ -53,28 +64,65 @@ TEST_F(DiskFileServiceTest, storesBytesExactlyReplacesOnlyWhenAskedAndLeavesNoTe
     EXPECT_EQ(names(uploads), (std::set<std::string>{"a.bin", "empty", "large"}));
 }
 
-TEST_F(DiskFileServiceTest, refusesEveryPathThatIsNotADirectChildAndWritesNothing) {
+// Every refusal quotes at most a few hundred bytes of the client's text, cut at a character
+// boundary, and no control character, whatever the name was.
+TEST_F(DiskFileServiceTest, refusesEveryPathThatIsNotADirectChildOrNameThatIsUnsafeOrTooLong) {
     DiskFileService service(uploads.string());
     const std::string dir = uploads.string();
-    const std::pair<std::string, std::string> cases[] = {
-        {dir + "/sub/file", "path separator"},
-        {dir + "//file", "path separator"},
-        {dir, "not in the upload directory"},
-        {dir + "x/sibling", "not in the upload directory"},
-        {(root / "outside").string(), "not in the upload directory"},
-        {"relative", "not in the upload directory"},
+    const std::string control = "Refused file name: it contains a control character";
+    const std::string tooLong = "Refused file name: it is longer than 255 bytes";
+    const std::string outside = "not in the upload directory";
+    std::u16string giant = u16(dir + "/") + std::u16string(size_t{16} << 20, u'n');
+    std::vector<std::pair<std::u16string, std::string>> cases = {
+        {u16(dir + "/sub/file"), "path separator"},
+        {u16(dir + "//file"), "path separator"},
+        {u16(dir), outside},
+        {u16(dir + "x/sibling"), outside},
+        {u16("relative\x1b[2J"), outside},
+        {u16(dir + "/\x1b[2J\x1b[31mred"), control},
+        {u16(dir + "/one\x01"), control},
+        {u16(dir + "/\x1f"), control},
+        {u16(dir + "/del\x7f.txt"), control},
+        // Those would quote the name, so the control character is what they hear about.
+        {u16(dir + "/a\x01/b"), control},
+        {u16(dir + "/.kestrin-upload-\x1b"), control},
+        {u16(dir + "/a/b") + u'\0', "it contains a NUL byte"},
+        {u16(dir + "/" + repeat("\xc3\xa9", 128)), tooLong},
+        {u16(dir + "/" + repeat("\xe2\x82\xac", 85) + "a"), tooLong},
+        {u16(dir + "/" + repeat("\xf0\x9f\x98\x80", 63) + "abcd"), tooLong},
+        {giant + u"/x", tooLong},
+        {u16("/") + giant, outside},
     };
-    for (const auto& [path, reason] : cases) {
-        SCOPED_TRACE(path);
-        try {
-            write(service, path, "payload").get();
-            ADD_FAILURE() << "stored";
-        } catch (const std::runtime_error& error) {
-            EXPECT_NE(std::string(error.what()).find(reason), std::string::npos) << error.what();
+    // Quoted in part: the cut falls inside a character of three bytes, or of two UTF-16 units.
+    for (const std::string wide : {"\xe2\x82\xac", "\xf0\x9f\x98\x80"}) {
+        for (size_t shift = 0; shift < 3; ++shift) {
+            cases.push_back(
+                {u16("/" + std::string(shift, 'x') + repeat(wide, 500)), "...: it is " + outside});
         }
+    }
+    for (size_t i = 0; i < cases.size(); ++i) {
+        const auto& [path, reason] = cases[i];
+        SCOPED_TRACE("case " + std::to_string(i) + ": " + reason);
+        const std::string message =
+            thrownText<std::runtime_error>([&] { write(service, path, "payload").get(); });
+        EXPECT_NE(message.find(reason), std::string::npos) << message;
+        EXPECT_LE(message.size(), 300u);
+        EXPECT_NO_THROW(u16(message)) << "cut inside a character";
+        EXPECT_TRUE(std::none_of(message.begin(), message.end(), [](char c) {
+            return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+        })) << message;
     }
     EXPECT_EQ(names(root), std::set<std::string>{"uploads"});
     EXPECT_TRUE(names(uploads).empty());
+
+    // 255 bytes of UTF-8 is the most, in characters of every width.
+    const std::set<std::string> longest = {std::string(255, 'a'), repeat("\xc3\xa9", 127) + "a",
+                                           repeat("\xe2\x82\xac", 85),
+                                           repeat("\xf0\x9f\x98\x80", 63) + "abc"};
+    for (const std::string& name : longest) {
+        write(service, in(name), name).get();
+    }
+    EXPECT_EQ(names(uploads), longest);
 }
 
 TEST_F(DiskFileServiceTest, startRemovesOnlyLeftoverTempFilesAndFailsForAMissingDirectory) {
