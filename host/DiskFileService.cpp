@@ -20,7 +20,20 @@
 
 namespace kestrin::host {
 
+// What the writers of one scope's files and the scope's owner share.
+struct DiskFileService::ScopeState {
+    std::mutex mutex;
+    std::size_t admitted = 0; // files queued, being written or stored
+    std::size_t stored = 0;
+    bool finished = false;       // the scope has synced, or decided it need not
+    bool renamesPending = false; // renames done and not yet made durable by the scope
+};
+
 namespace {
+
+// The scope active on this thread, if any: the module writes on the thread that runs the
+// request and waits there, so the thread tells which request a write belongs to.
+thread_local DiskFileService::RequestScope* activeScope = nullptr;
 
 // Client text quoted in an error message is cut to this many bytes.
 constexpr std::size_t echoLimit = 200;
@@ -144,7 +157,9 @@ void writeThrough(int fd, const uint8_t* bytes, size_t count) {
 
 } // namespace
 
-DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned writerCount) {
+DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned writerCount,
+                                 DirectorySync directorySync)
+    : syncDirectory(directorySync ? std::move(directorySync) : DirectorySync(&::fsync)) {
     std::unique_ptr<char, decltype(&std::free)> resolved(
         ::realpath(uploadDirectory.c_str(), nullptr), &std::free);
     if (!resolved) {
@@ -189,8 +204,21 @@ void DiskFileService::stopWriters() noexcept {
 Future<file_common::v1::FileInfo> DiskFileService::writeFile(file_common::v1::File&& file,
                                                              bool overwrite) {
     std::string name;
+    std::shared_ptr<ScopeState> scope;
     try {
         name = targetName(file.info.path);
+        if (activeScope != nullptr && &activeScope->owner == this) {
+            scope = activeScope->state;
+            std::lock_guard<std::mutex> guard(scope->mutex);
+            // Counted when admitted, not when stored, so the limit holds even for a caller
+            // that does not wait for one write before making the next.
+            if (scope->admitted >= activeScope->limit) {
+                throw std::runtime_error(
+                    "Refused file '" + name + "': this request already stored " +
+                    std::to_string(activeScope->limit) + " files, the most one request may store");
+            }
+            ++scope->admitted;
+        }
     } catch (const std::exception&) {
         return makeExceptionalFuture<file_common::v1::FileInfo>(std::current_exception());
     }
@@ -198,7 +226,8 @@ Future<file_common::v1::FileInfo> DiskFileService::writeFile(file_common::v1::Fi
     Future<file_common::v1::FileInfo> future = promise.getFuture();
     {
         std::lock_guard<std::mutex> guard(mutex);
-        queue.push_back(Job{std::move(file), std::move(name), overwrite, std::move(promise)});
+        queue.push_back(
+            Job{std::move(file), std::move(name), overwrite, std::move(promise), std::move(scope)});
     }
     wake.notify_one();
     return future;
@@ -221,6 +250,10 @@ void DiskFileService::run() {
             stored.emplace(store(job));
         } catch (...) {
             failure = std::current_exception();
+        }
+        if (failure && job.scope) {
+            std::lock_guard<std::mutex> guard(job.scope->mutex);
+            --job.scope->admitted;
         }
         // Resolve outside the handler, handing over the only reference to a failure: a copy
         // released here while the waiter reads it would look like a race to ThreadSanitizer.
@@ -306,15 +339,34 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
         ::unlink(temp.c_str());
         throw;
     }
-    // The rename is durable only once the directory entry is on disk too.
-    FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() >= 0) {
-        ::fsync(dir.get());
+    // The rename is durable only once the directory entry is on disk too. A request's scope
+    // syncs the directory once for all its files; a file stored outside one, or after its
+    // scope has synced, syncs it here.
+    bool deferred = false;
+    if (job.scope) {
+        std::lock_guard<std::mutex> guard(job.scope->mutex);
+        ++job.scope->stored;
+        if (!job.scope->finished) {
+            job.scope->renamesPending = true;
+            deferred = true;
+        }
+    }
+    if (!deferred) {
+        syncDirectoryEntries();
     }
 
     file_common::v1::FileInfo info(file.info.path);
     info.attributes["size"] = static_cast<uint64_t>(file.content.getSize());
     return info;
+}
+
+int DiskFileService::syncDirectoryEntries() const {
+    FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.get() < 0) {
+        return errno;
+    }
+    // errno is read before the descriptor is closed, which may change it.
+    return syncDirectory(dir.get()) == 0 ? 0 : errno;
 }
 
 void DiskFileService::removeLeftovers() const {
@@ -330,6 +382,53 @@ void DiskFileService::removeLeftovers() const {
             ::unlinkat(::dirfd(listing.get()), entry->d_name, 0);
         }
     }
+}
+
+DiskFileService::RequestScope::RequestScope(DiskFileService& service, std::size_t maxFiles)
+    : owner(service)
+    , limit(maxFiles)
+    , state(std::make_shared<ScopeState>()) {
+    if (activeScope != nullptr) {
+        throw std::logic_error("A request scope is already active on this thread");
+    }
+    activeScope = this;
+}
+
+DiskFileService::RequestScope::~RequestScope() {
+    try {
+        finish();
+    } catch (...) {
+        // Nobody is left to tell; a caller that must know calls finish() itself.
+    }
+    if (activeScope == this) {
+        activeScope = nullptr;
+    }
+}
+
+void DiskFileService::RequestScope::finish() {
+    if (!finished) {
+        finished = true;
+        bool pending = false;
+        {
+            std::lock_guard<std::mutex> guard(state->mutex);
+            state->finished = true;
+            pending = std::exchange(state->renamesPending, false);
+        }
+        const int error = pending ? owner.syncDirectoryEntries() : 0;
+        if (error != 0) {
+            failure = std::string("Cannot make the stored files durable: ") + std::strerror(error);
+        }
+    }
+    // A retried fsync may succeed without the data having reached the disk: the first
+    // outcome is the one that tells.
+    if (!failure.empty()) {
+        throw std::runtime_error(failure);
+    }
+}
+
+std::size_t DiskFileService::RequestScope::filesStored() const {
+    std::lock_guard<std::mutex> guard(state->mutex);
+    return state->stored;
 }
 
 } // namespace kestrin::host

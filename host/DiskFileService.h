@@ -5,6 +5,8 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -14,12 +16,12 @@
 namespace kestrin::host {
 
 // The server's file service: stores each file as a direct child of one upload directory.
-// Any thread may call writeFile. A refused name is answered at once, on the calling thread;
-// other writes run on the service's own writer threads, several at once so that one slow
-// write does not hold up the others, and the thread that wrote a file resolves its future,
-// success or failure. A file is written to a temporary file beside the target, flushed to
-// disk and renamed over the target, so a stored file is complete or absent, never partial; of
-// two writes of one name at once, the later rename wins.
+// Any thread may call writeFile. A refused name, or a file over its request's limit, is
+// answered at once, on the calling thread; other writes run on the service's own writer
+// threads, several at once so that one slow write does not hold up the others, and the thread
+// that wrote a file resolves its future, success or failure. A file is written to a temporary
+// file beside the target, flushed to disk and renamed over the target, so a stored file is
+// complete or absent, never partial; of two writes of one name at once, the later rename wins.
 class DiskFileService : public file::v1::FileService {
 public:
     // Temporary files start with this; no upload may take such a name.
@@ -27,10 +29,18 @@ public:
     // The longest name a file may have, in bytes of UTF-8: the filesystem's own limit.
     static constexpr std::size_t maxNameBytes = 255;
 
+    // Makes the new entries of the directory open at descriptor durable; returns 0, or -1 with
+    // errno set, as fsync does (an empty one is fsync). Tests pass their own to count the calls
+    // or make them fail.
+    using DirectorySync = std::function<int(int descriptor)>;
+
+    class RequestScope;
+
     // Removes temporary files a previous run left behind, then starts writerCount writer
     // threads (at least one). Throws std::runtime_error when the directory cannot be resolved
     // or read, or its name is not UTF-8 (no upload could name a file in it then).
-    explicit DiskFileService(const std::string& uploadDirectory, unsigned writerCount = 1);
+    explicit DiskFileService(const std::string& uploadDirectory, unsigned writerCount = 1,
+                             DirectorySync syncDirectory = {});
     ~DiskFileService() override;
     DiskFileService(const DiskFileService&) = delete;
     DiskFileService& operator=(const DiskFileService&) = delete;
@@ -39,7 +49,8 @@ public:
     // "<upload dir>/<name>" with a name that is not empty, ".", "..", at most maxNameBytes of
     // UTF-8, and has no '/', NUL or other control character; a name is measured before it is
     // converted or copied, so a giant one costs nothing. Without overwrite an existing file
-    // is refused too; with it, the file is replaced.
+    // is refused too; with it, the file is replaced. While a RequestScope is active on the
+    // calling thread, the write counts toward it.
     Future<file_common::v1::FileInfo> writeFile(file_common::v1::File&& file,
                                                 bool overwrite) override;
 
@@ -47,26 +58,62 @@ public:
     const std::string& getDirectory() const noexcept { return directory; }
 
 private:
+    struct ScopeState;
     struct Job {
         file_common::v1::File file;
         std::string name;
         bool overwrite;
         Promise<file_common::v1::FileInfo> promise;
+        std::shared_ptr<ScopeState> scope; // null for a write made outside any scope
     };
 
     void run();
     void stopWriters() noexcept;
     file_common::v1::FileInfo store(Job& job) const;
     std::string targetName(const std::u16string& path) const;
+    int syncDirectoryEntries() const; // 0, or the errno of the failure
     void removeLeftovers() const;
 
     std::string directory;
     std::u16string directoryPrefix; // "<directory>/" in UTF-16, as paths arrive
+    DirectorySync syncDirectory;
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<Job> queue;
     bool stopping = false;
     std::vector<std::thread> writers;
+};
+
+// One request's share of the service: at most maxFiles files, and one directory sync for all
+// of them instead of one per file. Made on the thread that runs one request's service call;
+// writeFile calls made on that thread while it lives count toward it, calls made on other
+// threads do not. Use it on that thread only, and destroy it there, before the service. At
+// most one scope is active on a thread: a second one throws std::logic_error.
+class DiskFileService::RequestScope {
+public:
+    RequestScope(DiskFileService& service, std::size_t maxFiles);
+    ~RequestScope(); // finish() if not called, swallowing its failure
+    RequestScope(const RequestScope&) = delete;
+    RequestScope& operator=(const RequestScope&) = delete;
+
+    // Makes the renames of the files this request stored durable: one fsync of the upload
+    // directory, only if at least one file was stored. Call before the answer goes out, so
+    // "SUCCESS" still means durable. Throws std::runtime_error saying why when the fsync
+    // fails. Idempotent: later calls repeat the first one's outcome. A write of this scope
+    // that finishes after it syncs the directory itself.
+    void finish();
+
+    // Files this request stored so far.
+    std::size_t filesStored() const;
+
+private:
+    friend class DiskFileService;
+
+    DiskFileService& owner;
+    const std::size_t limit;
+    std::shared_ptr<ScopeState> state; // shared with the writers of this scope's files
+    bool finished = false;
+    std::string failure; // why finish() failed, empty when it did not
 };
 
 } // namespace kestrin::host

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <future>
@@ -14,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace kestrin::host {
@@ -22,6 +25,7 @@ namespace {
 using file_common::v1::File;
 using file_common::v1::FileInfo;
 using kestrin::testing::thrownText;
+using RequestScope = DiskFileService::RequestScope;
 
 // How the module's names reach the page is checked end to end (test_hostile.py); here are the
 // paths only a caller of the service itself can hand in, and the limits on names.
@@ -42,6 +46,21 @@ protected:
         return service.writeFile(File(FileInfo(path), common::DataBuffer(bytes)), overwrite);
     }
     std::u16string in(const std::string& name) const { return u16((uploads / name).string()); }
+    // Syncs the directory, counting the calls; fails them while failing is set, and holds the
+    // first one until held is released, if set: with one writer, that holds every later write.
+    DiskFileService::DirectorySync countingSync() {
+        return [this](int descriptor) {
+            if (++syncs == 1 && held.valid()) {
+                held.wait();
+            }
+            errno = EIO;
+            return failing ? -1 : ::fsync(descriptor);
+        };
+    }
+
+    std::atomic<int> syncs{0};
+    std::atomic<bool> failing{false};
+    std::shared_future<void> held;
 };
 
 TEST_F(DiskFileServiceTest, storesBytesExactlyReplacesOnlyWhenAskedAndLeavesNoTempFiles) {
@@ -190,6 +209,98 @@ TEST_F(DiskFileServiceTest, writesQueuedBeforeDestructionAreAllStored) {
     }
     EXPECT_EQ(names(uploads), expected);
     EXPECT_EQ(contents(uploads / "f39"), "f39");
+}
+
+TEST_F(DiskFileServiceTest, aRequestScopeStoresAtMostItsLimitAndSyncsTheDirectoryOnce) {
+    DiskFileService service(uploads.string(), 2, countingSync());
+    {
+        RequestScope scope(service, 3);
+        EXPECT_THROW(RequestScope(service, 1), std::logic_error);
+        // A refused name is no file of the request. The limit counts writes not yet waited for.
+        EXPECT_THROW(write(service, in(".."), "x").get(), std::runtime_error);
+        std::vector<Future<FileInfo>> writes;
+        for (const std::string name : {"a", "b", "c", "d"}) {
+            writes.push_back(write(service, in(name), name));
+        }
+        EXPECT_EQ(thrownText<std::runtime_error>([&] { writes[3].get(); }),
+                  "Refused file 'd': this request already stored 3 files, the most one request "
+                  "may store");
+        for (size_t i = 0; i < 3; ++i) {
+            writes[i].get();
+        }
+        EXPECT_EQ(syncs, 0);
+        scope.finish();
+        scope.finish();
+        EXPECT_EQ(syncs, 1);
+        EXPECT_EQ(scope.filesStored(), 3u);
+    }
+    EXPECT_EQ(syncs, 1);
+    // A request that stored nothing has nothing to make durable; one left without finish()
+    // syncs as it goes; without a scope, every file syncs.
+    {
+        RequestScope scope(service, 0);
+        EXPECT_THROW(write(service, in("e"), "e").get(), std::runtime_error);
+    }
+    {
+        RequestScope scope(service, 2);
+        write(service, in("f"), "f").get();
+        write(service, in("g"), "g").get();
+    }
+    EXPECT_EQ(syncs, 2);
+    write(service, in("h"), "h").get();
+    EXPECT_EQ(syncs, 3);
+    EXPECT_EQ(names(uploads), (std::set<std::string>{"a", "b", "c", "f", "g", "h"}));
+
+    RequestScope scope(service, 1);
+    write(service, in("kept"), "k").get();
+    failing = true;
+    const std::string failed = "Cannot make the stored files durable: Input/output error";
+    EXPECT_EQ(thrownText<std::runtime_error>([&] { scope.finish(); }), failed);
+    failing = false;
+    EXPECT_EQ(thrownText<std::runtime_error>([&] { scope.finish(); }), failed);
+    EXPECT_EQ(contents(uploads / "kept"), "k");
+}
+
+// The module writes on the request's thread, so a scope binds only that thread, and only for
+// the service it was made for.
+TEST_F(DiskFileServiceTest, aRequestScopeCountsOnlyItsOwnThreadsWritesToItsService) {
+    DiskFileService service(uploads.string(), 1, countingSync());
+    std::filesystem::create_directory(root / "other");
+    DiskFileService other((root / "other").string());
+    RequestScope scope(service, 1);
+    write(service, in("mine"), "m").get();
+    std::thread([&] {
+        write(service, in("t1"), "1").get();
+        write(service, in("t2"), "2").get();
+    }).join();
+    EXPECT_EQ(syncs, 2);
+    write(other, u16((root / "other" / "elsewhere").string()), "e").get();
+    EXPECT_THROW(write(service, in("over"), "o").get(), std::runtime_error);
+    scope.finish();
+    EXPECT_EQ(syncs, 3);
+    EXPECT_EQ(names(uploads), (std::set<std::string>{"mine", "t1", "t2"}));
+    EXPECT_EQ(names(root / "other"), std::set<std::string>{"elsewhere"});
+}
+
+// Refusals cost no writer: they are answered while the only one is held. A write stored after
+// its scope's finish() syncs the directory itself.
+TEST_F(DiskFileServiceTest, refusalsNeedNoWriterAndALateWriteSyncsForItself) {
+    std::promise<void> release;
+    held = release.get_future().share();
+    std::atomic<int> answered{0}; // outlives the writer, should a refusal wait for it
+    DiskFileService service(uploads.string(), 1, countingSync());
+    Future<FileInfo> first = write(service, in("held"), "h");
+    RequestScope scope(service, 1);
+    Future<FileInfo> late = write(service, in("late"), "l");
+    write(service, in(".."), "x").then([&](Future<FileInfo>&) { ++answered; });
+    write(service, in("over"), "o").then([&](Future<FileInfo>&) { ++answered; });
+    EXPECT_EQ(answered, 2);
+    scope.finish();
+    release.set_value();
+    first.get();
+    late.get();
+    EXPECT_EQ(syncs, 2);
+    EXPECT_EQ(names(uploads), (std::set<std::string>{"held", "late"}));
 }
 
 } // namespace

@@ -23,10 +23,11 @@ using file_common::v1::FileInfo;
 
 // Passes writes on to the disk, except the chosen one: that one is refused before anything
 // is written, or lets the disk fill up halfway through the file (a file size limit makes the
-// real write fail with EFBIG). The module calls it on the request's thread.
+// real write fail with EFBIG), or is passed on too, for the disk to refuse as one file more
+// than the request may store. The module calls it on the request's thread.
 class FailingFileService final : public file::v1::FileService {
 public:
-    enum class Fault { refused, diskFullMidFile };
+    enum class Fault { refused, diskFullMidFile, overFileLimit };
 
     FailingFileService(std::shared_ptr<file::v1::FileService> disk, size_t failingWrite,
                        Fault failure)
@@ -35,7 +36,7 @@ public:
         , fault(failure) {}
 
     Future<FileInfo> writeFile(File&& file, bool overwrite) override {
-        if (++count != nth) {
+        if (++count != nth || fault == Fault::overFileLimit) {
             return inner->writeFile(std::move(file), overwrite);
         }
         if (fault == Fault::refused) {
@@ -115,6 +116,12 @@ TEST_F(UploadFaultTest, aFailedWriteKeepsEarlierFilesWholeLeavesNoPartOfItAndNam
         {2, Fault::refused, "No space left on device"},
         {2, Fault::diskFullMidFile, "write failed: File too large"},
         {3, Fault::diskFullMidFile, "write failed: File too large"},
+        {3, Fault::overFileLimit,
+         "Refused file 'third.bin': this request already stored 2 files, the most one request "
+         "may store"},
+        {1, Fault::overFileLimit,
+         "Refused file 'first.bin': this request already stored 0 files, the most one request "
+         "may store"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE("write " + std::to_string(c.failingWrite) + ": " + c.message);
@@ -127,8 +134,13 @@ TEST_F(UploadFaultTest, aFailedWriteKeepsEarlierFilesWholeLeavesNoPartOfItAndNam
             std::make_shared<MultipartUploadServiceImpl>());
         provider->running = true;
 
+        // As the server runs a request: the module writes on this thread, so the scope sees
+        // its files.
+        DiskFileService::RequestScope scope(
+            *disk, c.fault == Fault::overFileLimit ? c.failingWrite - 1 : parts.size());
         const Reply reply = RequestDispatcher::callService(
             *provider, Address("uploads"), std::string("fault"), common::DataBuffer(body));
+        scope.finish();
 
         EXPECT_EQ(reply.status, 400u);
         const std::string page(reinterpret_cast<const char*>(reply.body.bytes()),

@@ -1,0 +1,86 @@
+#include "framework/Ost.h"
+#include "host/DiskFileService.h"
+#include "tests/host/support/UploadDirectoryTest.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <future>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace kestrin::host {
+namespace {
+
+using file_common::v1::File;
+using file_common::v1::FileInfo;
+class DiskFileServiceConcurrency : public UploadDirectoryTest {};
+
+// Heavy requests keep one write each in the queue, one after another, as the module does. A
+// light request's one file must come out of the queue while they are still going: the heavy
+// ones stop only once it is stored, so one that reaches its last file first was served ahead
+// of it all along. One writer, so the queue's order alone decides. Each request's scope syncs
+// the directory once, whichever threads its files were written on.
+TEST_F(DiskFileServiceConcurrency,
+       aLightRequestIsStoredWhileHeavyRequestsKeepWritingAndEachSyncsOnce) {
+    constexpr int heavy = 4;
+    constexpr size_t most = 400;
+    std::atomic<int> syncs{0};
+    DiskFileService service(uploads.string(), 1, [&syncs](int descriptor) {
+        ++syncs;
+        return ::fsync(descriptor);
+    });
+    const auto write = [&](const std::string& name) {
+        const std::string path = (uploads / name).string();
+        return service.writeFile(
+            File(FileInfo(std::u16string(path.begin(), path.end())), common::DataBuffer(name)),
+            true);
+    };
+    std::atomic<bool> lightStored{false};
+    std::array<std::promise<void>, heavy> going;
+    std::array<size_t, heavy> stored{};
+    std::vector<std::thread> threads;
+    for (int h = 0; h < heavy; ++h) {
+        threads.emplace_back([&, h] {
+            DiskFileService::RequestScope scope(service, most);
+            for (size_t i = 0; i < most && !lightStored; ++i) {
+                write("heavy" + std::to_string(h) + "-" + std::to_string(i)).get();
+                if (i == 0) {
+                    going[h].set_value();
+                }
+            }
+            stored[h] = scope.filesStored();
+        });
+    }
+    for (std::promise<void>& started : going) {
+        started.get_future().wait();
+    }
+    threads.emplace_back([&] {
+        DiskFileService::RequestScope scope(service, 1);
+        // Marked by the writer as it resolves the write, before it takes the next one, so no
+        // heavy write resolved later misses the mark.
+        std::promise<void> resolved;
+        write("light").then([&](Future<FileInfo>&) {
+            lightStored = true;
+            resolved.set_value();
+        });
+        resolved.get_future().wait();
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    size_t total = 1;
+    for (int h = 0; h < heavy; ++h) {
+        EXPECT_LT(stored[h], most) << "heavy request " << h;
+        total += stored[h];
+    }
+    EXPECT_EQ(syncs, heavy + 1);
+    EXPECT_EQ(names(uploads).size(), total);
+    EXPECT_EQ(contents(uploads / "light"), "light");
+}
+
+} // namespace
+} // namespace kestrin::host
