@@ -165,10 +165,13 @@ class Server:
         """Bytes the server has written to its log so far."""
         return os.fstat(self.log.fileno()).st_size
 
-    def log_tail(self, limit=4096):
-        """The last limit bytes of the log, without reading all of it."""
-        self.log.seek(max(0, self.log_size() - limit))
-        return self.log.read(limit).decode(errors="replace")
+    def log_tail(self, lines=15, limit=4096):
+        """The last whole lines of the log, from at most its last limit bytes, without
+        reading all of it."""
+        start = max(0, self.log_size() - limit)
+        self.log.seek(start)
+        text = self.log.read(limit).decode(errors="replace").splitlines()
+        return "\n".join(text[1 if start else 0:][-lines:])
 
 
 def skip_without_server():
