@@ -204,14 +204,11 @@ class Row:
         return bool(self.failures or (full and (self.misses or self.skipped)))
 
     def verdict(self, full):
-        if self.skipped:
-            text = "skipped: " + self.skipped
-        elif self.failures or (full and self.misses):
-            text = "FAIL: " + "; ".join(self.failures + self.misses)
-        elif self.misses:
-            text = "missed (not asserted): " + "; ".join(self.misses)
-        else:
-            text = "ok"
+        failures, misses = (self.failures + self.misses, []) if full else (self.failures,
+                                                                           self.misses)
+        parts = ["FAIL: " + "; ".join(failures)] if failures else []
+        parts += ["missed (not asserted): " + "; ".join(misses)] if misses else []
+        text = "skipped: " + self.skipped if self.skipped else " / ".join(parts) or "ok"
         return text + "".join(" [%s]" % note for note in self.notes)
 
     def cells(self, full):
