@@ -789,10 +789,10 @@ def main():
     selected = rows_of(form)
     if arguments.only:
         keys = arguments.only.split(",")
-        unknown = set(keys) - {spec[0] for spec in selected}
+        unknown = set(keys) - {entry[0] for entry in selected}
         if unknown:
             parser.error("unknown rows %s" % sorted(unknown))
-        selected = [spec for spec in selected if spec[0] in keys]
+        selected = [entry for entry in selected if entry[0] in keys]
 
     # The floods open more connections than the default descriptor limit allows.
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
@@ -817,10 +817,10 @@ def main():
     watchdog.start()
     try:
         print("hostile load, %s form, against %s" % (form.name, serverlib.SERVER), flush=True)
-        for spec in selected:
+        for entry in selected:
             started = time.monotonic()
-            rows.append(run_row(ctx, *spec))
-            print("row %s done in %.1f s: %s" % (spec[0], time.monotonic() - started,
+            rows.append(run_row(ctx, *entry))
+            print("row %s done in %.1f s: %s" % (entry[0], time.monotonic() - started,
                                                  rows[-1].verdict(arguments.full).split(":")[0]),
                   file=sys.stderr, flush=True)
     finally:
