@@ -92,22 +92,40 @@ def read_response(connection):
     return int(match.group(1)), raw[match.end():]
 
 
+class StartError(AssertionError):
+    """The server did not say where it listens. exit_code is None when it was still running
+    (and then killed); 2 means it refused its command line."""
+
+    def __init__(self, message, exit_code, log):
+        super().__init__(message)
+        self.exit_code = exit_code
+        self.log = log
+
+
 class Server:
     """One server process. start() returns once it has said where it listens; stop() sends
-    SIGTERM and returns the exit code; kill() is the last resort and always safe."""
+    SIGTERM and returns the exit code; kill() is the last resort and always safe.
+    preexec_fn runs in the child before the server starts (limits, a parent-death signal)."""
 
-    def __init__(self, directory, *flags, threads=2):
+    def __init__(self, directory, *flags, threads=2, preexec_fn=None):
         self.directory = directory
         self.log = tempfile.TemporaryFile()
         self.process = subprocess.Popen(
             [SERVER, "--listen", "127.0.0.1:0", "--dir", directory, "--threads", str(threads),
              *flags],
-            stdout=subprocess.PIPE, stderr=self.log)
+            stdout=subprocess.PIPE, stderr=self.log, preexec_fn=preexec_fn)
         line = self._first_line(timeout=60)
         match = re.fullmatch(r"listening on http://127\.0\.0\.1:(\d+)/\n", line)
         if not match:
+            # A server that refused its command line closes its output as it exits.
+            try:
+                exit_code = self.process.wait(5)
+            except subprocess.TimeoutExpired:
+                exit_code = None
             self.kill()
-            raise AssertionError("unexpected start-up line %r; log:\n%s" % (line, self.logged()))
+            log = self.logged()
+            raise StartError("unexpected start-up line %r; log:\n%s" % (line, log), exit_code,
+                             log)
         self.port = int(match.group(1))
         self.url = "http://127.0.0.1:%d" % self.port
 
@@ -142,6 +160,18 @@ class Server:
     def logged(self):
         self.log.seek(0)
         return self.log.read().decode(errors="replace")
+
+    def log_size(self):
+        """Bytes the server has written to its log so far."""
+        return os.fstat(self.log.fileno()).st_size
+
+    def log_tail(self, lines=15, limit=4096):
+        """The last whole lines of the log, from at most its last limit bytes, without
+        reading all of it."""
+        start = max(0, self.log_size() - limit)
+        self.log.seek(start)
+        text = self.log.read(limit).decode(errors="replace").splitlines()
+        return "\n".join(text[1 if start else 0:][-lines:])
 
 
 def skip_without_server():

@@ -1,0 +1,842 @@
+#!/usr/bin/env python3
+"""Hostile load: runs one attack after another against the upload server, each against a
+server of its own on 127.0.0.1 (a free port, a temporary upload directory, its log in a
+temporary file), measures the server over the attack, and prints one table: what the server
+answered, its peak resident memory, its CPU, the log it wrote, how a good upload made during
+the attack fared, the target and the verdict.
+
+    hostile_load.py SERVER_BINARY [--full] [--only ROWS] [--deadline SECS]
+
+The short form (the default) scales the attacks down to about a minute and a few hundred MB;
+--full runs them at full size (many GB of memory and disk, tens of minutes). The exit status
+is non-zero when a functional target fails: a wrong status, something stored that must not
+be, the server dying, memory or log over its bound, the deadline passing. Latency and CPU
+targets fail only the full form. Rows whose flags the binary refuses are skipped (a failure
+in the full form only)."""
+
+import argparse
+import asyncio
+import base64
+import contextlib
+import ctypes
+import dataclasses
+import os
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import traceback
+from collections import Counter
+
+# Starting the server and reading its pages work as in the end-to-end tests.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
+import serverlib  # noqa: E402
+from hostile_client import (BOUNDARY, CLOSING, GOOD_SOURCE, MIB, Connection,  # noqa: E402
+                            exchange, finish, part_head, repeated, request_head, small_body)
+from serverlib import SUCCESS_PAGE, Server, StartError, page_message  # noqa: E402
+
+# All of 127/8 is loopback on Linux: attackers look like 39 different clients.
+ATTACK_SOURCES = ["127.0.0.%d" % last for last in range(2, 41)]
+PER_CLIENT_CAP = 32
+# Random, without "-", so no delimiter can appear in a body made of it.
+BLOCK = os.urandom(MIB).replace(b"-", b"")
+GOOD_CONTENT = BLOCK[:256 * 1024]
+# An attack after which the server has logged this much ends early: the disk is not ours.
+LOG_FLOOD_CAP = 128 * MIB
+TICKS = os.sysconf("SC_CLK_TCK")
+LIBC = ctypes.CDLL(None, use_errno=True)
+PR_SET_PDEATHSIG = 1
+
+
+@dataclasses.dataclass
+class Form:
+    """Sizes and counts of one form of the run."""
+    name: str
+    big_count: int          # concurrent large uploads
+    big_mib: int
+    big_budget_mib: int     # --max-memory for them
+    name_mib: int           # length of the one huge file name
+    flood_count: int        # attacking connections
+    flood_nofile: int       # the server's descriptor limit under a flood
+    flood_seconds: int
+    files_requests: int     # concurrent requests of many tiny files
+    files_parts: int
+    max_files: int | None   # --max-files, None for the server's default
+    one_body_parts: int
+    burst_count: int
+    burst_mib: int
+    idle_bound_mib: int     # resident memory allowed once the burst is over
+    password_seconds: int
+    row_limit: int          # seconds one row may take
+    deadline: int
+
+
+def default_budget_mib():
+    """Half of the machine's memory, or of the control group's limit if that is lower."""
+    with open("/proc/meminfo") as meminfo:
+        total = int(meminfo.readline().split()[1]) * 1024
+    for path in ("/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory/memory.limit_in_bytes"):
+        with contextlib.suppress(OSError, ValueError):
+            with open(path) as limit:
+                total = min(total, int(limit.read()))
+    return total // 2 // MIB
+
+
+SHORT = Form("short", 8, 64, 256, 64, 300, 256, 10, 4, 2000, 500, 20000, 16, 8, 128, 5, 60, 300)
+# The budget is passed even where it equals the server's default: a server without one would
+# take 32 GB for sixteen bodies of 1,000 MiB.
+FULL = Form("full", 16, 1000, default_budget_mib(), 1000, 1100, 1024, 30, 16, 10000, None,
+            100000, 64, 30, 256, 10, 900, 1800)
+
+
+class Skipped(Exception):
+    """The binary refused a row's command line."""
+
+
+# ---- measurements and results -------------------------------------------------------------
+
+def proc_status_kib(pid, field):
+    with open("/proc/%d/status" % pid) as status:
+        for line in status:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+    raise OSError("no %s for %d" % (field, pid))
+
+
+def cpu_ticks(pid):
+    with open("/proc/%d/stat" % pid) as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return int(fields[11]) + int(fields[12])  # utime and stime, all threads
+
+
+class Meter:
+    """Peak RSS, CPU and log growth of one server process over one attack. The peak is VmHWM
+    after clear_refs has reset it to the current RSS, so earlier attacks do not count."""
+
+    def __init__(self, server):
+        self.server = server
+        self.pid = server.process.pid
+        self.peak_mib = self.cpu_percent = self.log_bytes = None
+
+    def start(self):
+        with open("/proc/%d/clear_refs" % self.pid, "w") as clear:
+            clear.write("5")
+        self.log_start = self.server.log_size()
+        self.ticks = cpu_ticks(self.pid)
+        self.started = time.monotonic()
+
+    def log_growth(self):
+        return self.server.log_size() - self.log_start
+
+    def rss_mib(self):
+        return proc_status_kib(self.pid, "VmRSS") / 1024
+
+    def stop(self):
+        elapsed = time.monotonic() - self.started
+        self.log_bytes = self.log_growth()
+        with contextlib.suppress(OSError, IndexError):  # gone: no figures
+            self.peak_mib = proc_status_kib(self.pid, "VmHWM") / 1024
+            # Over a few clock ticks the share is noise.
+            if elapsed >= 0.5:
+                self.cpu_percent = 100.0 * (cpu_ticks(self.pid) - self.ticks) / TICKS / elapsed
+
+
+@dataclasses.dataclass
+class Good:
+    """A good upload: what came back, how long it took, and whether it was stored whole."""
+    label: str
+    seconds: float
+    ok: bool
+
+    def __str__(self):
+        return "%s %.2fs" % (self.label, self.seconds)
+
+
+class Row:
+    """One attack's line in the table. Functional failures always fail the run; timing misses
+    (latency, CPU) only in the full form."""
+
+    def __init__(self, key, title, target):
+        self.key, self.title, self.target = key, title, target
+        self.answers = Counter()
+        self.meter = None
+        self.good = None
+        self.failures, self.misses, self.notes = [], [], []
+        self.skipped = None
+        self.log_tail = ""
+
+    def record(self, answer):
+        self.answers[answer.label] += 1
+        return answer
+
+    def check(self, ok, what, timing=False):
+        if not ok:
+            (self.misses if timing else self.failures).append(what)
+        return ok
+
+    def check_peak(self, bound_mib):
+        peak = self.meter.peak_mib
+        self.check(peak is not None and peak <= bound_mib, "peak RSS over %d MiB" % bound_mib)
+
+    def check_good(self, good, within=1.0):
+        self.check(good.ok, "good upload: %s" % good.label)
+        self.check(not good.ok or good.seconds <= within,
+                   "good upload took %.2f s (> %.1f)" % (good.seconds, within), timing=True)
+
+    @contextlib.contextmanager
+    def measure(self, server):
+        self.meter = Meter(server)
+        self.meter.start()
+        try:
+            yield self.meter
+        finally:
+            self.meter.stop()
+
+    def fails(self, full):
+        return bool(self.failures or (full and (self.misses or self.skipped)))
+
+    def verdict(self, full):
+        failures, misses = (self.failures + self.misses, []) if full else (self.failures,
+                                                                           self.misses)
+        parts = ["FAIL: " + "; ".join(failures)] if failures else []
+        parts += ["missed (not asserted): " + "; ".join(misses)] if misses else []
+        text = "skipped: " + self.skipped if self.skipped else " / ".join(parts) or "ok"
+        return text + "".join(" [%s]" % note for note in self.notes)
+
+    def cells(self, full):
+        meter = self.meter
+        answers = " ".join("%dx%s" % (count, label) for label, count in sorted(
+            self.answers.items(), key=lambda item: (-item[1], item[0])))
+        return [self.key + " " + self.title, answers or "-",
+                "%.0f MiB" % meter.peak_mib if meter and meter.peak_mib is not None else "-",
+                "%.1f%%" % meter.cpu_percent if meter and meter.cpu_percent is not None else "-",
+                human_bytes(meter.log_bytes) if meter and meter.log_bytes is not None else "-",
+                str(self.good) if self.good else "-", self.target, self.verdict(full)]
+
+
+def human_bytes(count):
+    for unit, size in (("MiB", MIB), ("KiB", 1024)):
+        if count >= size:
+            return "%.1f %s" % (count / size, unit)
+    return "%d B" % count
+
+
+def print_table(rows, full, out=sys.stdout):
+    header = ["attack", "server's answers", "peak RSS", "CPU", "log", "good upload", "target",
+              "verdict"]
+    lines = [header] + [row.cells(full) for row in rows]
+    widths = [max(len(line[column]) for line in lines) for column in range(len(header) - 1)]
+    for index, line in enumerate(lines):
+        print(" | ".join(cell.ljust(width) for cell, width in zip(line, widths)) + " | " +
+              line[-1], file=out)
+        if index == 0:
+            print("-+-".join("-" * width for width in widths) + "-+-" + "-" * 7, file=out)
+    out.flush()
+
+
+# ---- uploads -------------------------------------------------------------------------------
+
+async def good_upload(ctx, server, extra=(), timeout=10):
+    """A 256 KiB upload from a fresh connection from 127.0.0.1, checked on disk and removed."""
+    ctx.good_count += 1
+    name = "good-%d.bin" % ctx.good_count
+    body = small_body([(name.encode(), GOOD_CONTENT)])
+    started = time.monotonic()
+    answer = await exchange(server.port, request_head(server.port, len(body), extra=extra), body,
+                            timeout=timeout)
+    seconds = time.monotonic() - started
+    path = os.path.join(server.directory, name)
+    stored = os.path.exists(path) and os.path.getsize(path) == len(GOOD_CONTENT)
+    with contextlib.suppress(OSError):
+        os.remove(path)
+    ok = answer.status == 200 and answer.body == SUCCESS_PAGE and stored
+    label = answer.label if ok or answer.status != 200 else "200 but not stored"
+    return Good(label, seconds, ok)
+
+
+async def upload_large(server, name, size, source=GOOD_SOURCE):
+    """One file of size bytes, streamed; a stored file is checked for its size and removed at
+    once, to spare the disk. Sets answer.whole."""
+    body = [part_head(name.encode()), *repeated(BLOCK, size), CLOSING]
+    length = sum(len(piece) for piece in body)
+    answer = await exchange(server.port, request_head(server.port, length), body, source, 600)
+    path = os.path.join(server.directory, name)
+    answer.whole = os.path.exists(path) and os.path.getsize(path) == size
+    with contextlib.suppress(OSError):
+        os.remove(path)
+    return answer
+
+
+def stored_names(server):
+    return [entry.name for entry in os.scandir(server.directory)
+            if not entry.name.startswith("good-")]
+
+
+async def still_serving(ctx, row, server, extra=()):
+    """After the attack: the process is up and a good upload is stored."""
+    if not row.check(server.process.poll() is None,
+                     "server died (exit %s)" % server.process.poll()):
+        return
+    good = await good_upload(ctx, server, extra)
+    row.check(good.ok, "after the attack, a good upload got %s" % good.label)
+
+
+# ---- connection floods ---------------------------------------------------------------------
+
+class Flood:
+    """count attacking connections held open for seconds. Each binds to its source address,
+    behaves as mode says ("idle", "slowloris": a head one byte a second, never finished,
+    "slow-body": a whole head, then one body byte every 20 s) and, when the server answers or
+    closes, records what it saw and reconnects: at most reopen_rate reconnects a second over
+    all of them, and at most ten per attacker in all."""
+
+    def __init__(self, port, mode, count, sources, seconds, reopen_rate=100):
+        self.port, self.mode, self.count, self.sources = port, mode, count, sources
+        self.seconds, self.reopen_rate = seconds, reopen_rate
+        self.reopens_left = 10 * count
+        self.next_reopen = 0.0
+        self.answers = Counter()
+        self.opened = {}  # attacker -> when its connection opened
+        self.stopping = asyncio.Event()
+        self.held = 0     # connections open for a second or more at the end
+        self.note = None
+        if mode == "slowloris":
+            head = b"POST /users HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nX-Slow: " % port
+            self.pieces, self.gap = [head[i:i + 1] for i in range(len(head))], 1.0
+        elif mode == "slow-body":
+            body = small_body([(b"slow.bin", b"s" * 100)])
+            self.pieces = [request_head(port, 1000000) + body[:1]]
+            self.pieces += [body[i:i + 1] for i in range(1, len(body))]
+            self.gap = 20.0
+
+    async def pause(self, seconds):
+        """Sleeps, or returns True at once when the flood is over."""
+        with contextlib.suppress(TimeoutError):
+            await asyncio.wait_for(self.stopping.wait(), max(seconds, 0))
+        return self.stopping.is_set()
+
+    async def may_reopen(self):
+        if self.reopens_left <= 0:
+            return False
+        self.reopens_left -= 1
+        now = time.monotonic()
+        slot = max(now, self.next_reopen)
+        self.next_reopen = slot + 1.0 / self.reopen_rate
+        return not await self.pause(slot - now)
+
+    async def behave(self, connection):
+        if self.mode == "idle":
+            return
+        for index in range(10 ** 6):
+            await connection.send(self.pieces[index] if index < len(self.pieces) else b"s")
+            if await self.pause(self.gap):
+                return
+
+    async def attacker(self, index):
+        source = self.sources[index % len(self.sources)]
+        while not self.stopping.is_set():
+            try:
+                connection = await Connection.open(self.port, source)
+            except (OSError, TimeoutError):
+                self.answers["no connection"] += 1
+                if not await self.may_reopen():
+                    return
+                continue
+            self.opened[index] = time.monotonic()
+            behaviour = asyncio.create_task(self.behave(connection))
+            answer = asyncio.create_task(connection.read_answer())
+            stop = asyncio.create_task(self.stopping.wait())
+            await asyncio.wait({answer, stop}, return_when=asyncio.FIRST_COMPLETED)
+            if answer.done():
+                self.answers[answer.result().label] += 1
+            await finish(behaviour, answer, stop)
+            del self.opened[index]
+            connection.close()
+            if self.stopping.is_set() or not await self.may_reopen():
+                return
+
+    async def run(self, ctx, server, meter, row, good_at):
+        """Floods for self.seconds; a good upload starts good_at seconds in. Ends early when
+        the server dies or floods its log."""
+        attackers = [asyncio.create_task(self.attacker(i)) for i in range(self.count)]
+        started = time.monotonic()
+        end = started + self.seconds
+        good = asyncio.create_task(self.late_good_upload(ctx, server, good_at, end))
+        while time.monotonic() < end:
+            await asyncio.sleep(0.25)
+            if server.process.poll() is not None:
+                self.note = "server died after %.1f s" % (time.monotonic() - started)
+                break
+            if meter.log_growth() > LOG_FLOOD_CAP:
+                self.note = "stopped after %.1f s: log over %s" % (
+                    time.monotonic() - started, human_bytes(LOG_FLOOD_CAP))
+                break
+        now = time.monotonic()
+        self.held = sum(1 for opened in self.opened.values() if now - opened >= 1)
+        if self.opened:
+            self.answers["open"] += len(self.opened)
+        if self.note and not good.done():
+            good.cancel()
+            row.good = Good("cut short", max(0.0, time.monotonic() - started - good_at), False)
+        else:
+            row.good = await good
+        self.stopping.set()
+        await asyncio.wait(attackers, timeout=10)
+        for attacker in attackers:
+            attacker.cancel()
+
+    async def late_good_upload(self, ctx, server, delay, end):
+        await asyncio.sleep(delay)
+        return await good_upload(ctx, server, timeout=max(2.0, end - time.monotonic()))
+
+
+async def flood_row(ctx, row, mode, sources, *flags):
+    form = ctx.form
+    server = ctx.start(*flags, nofile=form.flood_nofile)
+    flood = Flood(server.port, mode, form.flood_count, sources, form.flood_seconds)
+    with row.measure(server) as meter:
+        # Two seconds in, every attacker has been connected for a second or more.
+        await flood.run(ctx, server, meter, row, good_at=2.0)
+    row.answers.update(flood.answers)
+    if flood.note:
+        row.notes.append(flood.note)
+    row.check_good(row.good)
+    log_bound = MIB * form.flood_seconds // 30
+    row.check(meter.log_bytes <= log_bound, "log %s > %s" % (
+        human_bytes(meter.log_bytes), human_bytes(log_bound)))
+    if meter.cpu_percent is not None:
+        row.check(meter.cpu_percent < 10, "CPU %.0f%% >= 10%%" % meter.cpu_percent, timing=True)
+    if len(sources) == 1:
+        row.check(flood.held <= PER_CLIENT_CAP, "%d connections of one client held open > %d"
+                  % (flood.held, PER_CLIENT_CAP))
+    await still_serving(ctx, row, server)
+
+
+# ---- the attacks ---------------------------------------------------------------------------
+
+async def big_uploads(ctx, row):
+    form = ctx.form
+    server = ctx.start("--max-memory", "%dM" % form.big_budget_mib)
+    size = form.big_mib * MIB
+    with row.measure(server):
+        uploads = [asyncio.create_task(upload_large(server, "big-%d.bin" % i, size))
+                   for i in range(form.big_count)]
+        await asyncio.sleep(0.5)
+        row.good = await good_upload(ctx, server, timeout=60)
+        answers = [row.record(answer) for answer in await asyncio.gather(*uploads)]
+    for index, answer in enumerate(answers):
+        if answer.status == 200:
+            row.check(answer.whole, "big-%d.bin not stored whole" % index)
+        elif answer.label == "503":
+            row.check(answer.early, "big-%d.bin: 503 only after the whole body" % index)
+        else:
+            row.check(False, "big-%d.bin: %s" % (index, answer.label))
+    row.check(any(answer.status == 200 for answer in answers), "no upload admitted")
+    row.check_peak(form.big_budget_mib + 64)
+    await still_serving(ctx, row, server)
+
+
+async def long_name(ctx, row):
+    server = ctx.start()
+    name_length = ctx.form.name_mib * MIB
+    body = [b"--" + BOUNDARY + b'\r\nContent-Disposition: form-data; name="file"; filename="',
+            *repeated(b"n" * MIB, name_length),
+            b'"\r\nContent-Type: application/octet-stream\r\n\r\nx', CLOSING]
+    length = sum(len(piece) for piece in body)
+    with row.measure(server):
+        answer = row.record(await exchange(server.port, request_head(server.port, length), body,
+                                           timeout=300))
+        row.good = await good_upload(ctx, server)
+    row.check(answer.status is not None and 400 <= answer.status < 500,
+              "answered %s, not 4xx" % answer.label)
+    row.check_peak(3 * length // MIB + 64)
+    row.check(stored_names(server) == [], "stored %s" % stored_names(server)[:3])
+    await still_serving(ctx, row, server)
+
+
+async def chunked_growth(ctx, row):
+    budget = 64
+    server = ctx.start("--max-memory", "%dM" % budget)
+    chunk = b"%x\r\n" % len(BLOCK) + BLOCK + b"\r\n"
+    first = part_head(b"chunked.bin")
+    body = [b"%x\r\n" % len(first) + first + b"\r\n"]
+    body += [chunk] * (4 * budget) + [b"%x\r\n" % len(CLOSING) + CLOSING + b"\r\n0\r\n\r\n"]
+    with row.measure(server):
+        answer = row.record(await exchange(
+            server.port, request_head(server.port, chunked=True), body, timeout=120))
+        row.good = await good_upload(ctx, server)
+    row.check(answer.status == 413, "answered %s, not 413" % answer.label)
+    row.check(answer.status != 413 or answer.early, "413 only after the whole body")
+    row.check_peak(budget + 64)
+    await still_serving(ctx, row, server)
+
+
+async def many_files(ctx, row, requests, parts):
+    form = ctx.form
+    flags = ("--max-files", str(form.max_files)) if form.max_files else ()
+    limit = form.max_files or 1000
+    server = ctx.start(*flags)
+    baseline = await good_upload(ctx, server)
+    bodies = [small_body([(b"r%d-%06d.txt" % (i, j), b"x") for j in range(parts)])
+              for i in range(requests)]
+    started = time.monotonic()
+    with row.measure(server):
+        heavy = [asyncio.create_task(exchange(server.port, request_head(server.port, len(body)),
+                                              body, timeout=ctx.form.row_limit))
+                 for body in bodies]
+        del bodies
+        if requests > 1:
+            await asyncio.sleep(0.3)
+            row.good = await good_upload(ctx, server, timeout=60)
+        answers = [row.record(answer) for answer in await asyncio.gather(*heavy)]
+        if requests == 1:
+            row.good = await good_upload(ctx, server)
+    row.notes.append("took %.1f s" % (time.monotonic() - started))
+    stored = Counter(name.split("-")[0] for name in stored_names(server))
+    for index, answer in enumerate(answers):
+        row.check(answer.status == 400 and "files" in (page_message(answer.body) or "").lower(),
+                  "request %d: %s %r" % (index, answer.label, answer.message()[:60]))
+        row.check(stored["r%d" % index] <= limit,
+                  "request %d stored %d files > %d" % (index, stored["r%d" % index], limit))
+    if requests > 1:
+        row.check_good(row.good, within=baseline.seconds + 1.0)
+    await still_serving(ctx, row, server)
+
+
+async def cross_site(ctx, row):
+    server = ctx.start()
+    port = server.port
+    victim = os.path.join(server.directory, "victim.txt")
+    with open(victim, "wb") as file:
+        file.write(b"original")
+    evil, cross = b"Origin: http://evil.example", b"Sec-Fetch-Site: cross-site"
+    cases = [("evil origin + cross-site", [evil, cross]), ("evil origin", [evil]),
+             ("origin null", [b"Origin: null"]), ("cross-site", [cross])]
+
+    async def post(target_server, names, extra):
+        body = small_body([(name, b"evil") for name in names])
+        return row.record(await exchange(target_server.port, request_head(
+            target_server.port, len(body), extra=extra), body))
+
+    with row.measure(server):
+        for index, (label, extra) in enumerate(cases):
+            answer = await post(server, [b"victim.txt", b"cross-%d.txt" % index], extra)
+            row.check(answer.status == 403, "%s: %s, not 403" % (label, answer.label))
+        with open(victim, "rb") as file:
+            row.check(file.read() == b"original", "victim.txt overwritten")
+        same = await post(server, [b"same-origin.txt"], [b"Origin: http://127.0.0.1:%d" % port])
+        row.good = await good_upload(ctx, server)
+    row.check(same.status == 200 and "same-origin.txt" in stored_names(server),
+              "same-origin POST: %s" % same.label)
+    crossed = [name for name in stored_names(server) if name.startswith("cross-")]
+    row.check(not crossed, "stored %s" % crossed)
+    try:
+        allowing = ctx.start("--allow-origin", "http://evil.example")
+    except Skipped as refused:
+        row.notes.append("allow-origin variant skipped: %s" % refused)
+    else:
+        allowed = await post(allowing, [b"allowed.txt"], [evil, cross])
+        row.check(allowed.status == 200 and "allowed.txt" in stored_names(allowing),
+                  "allowed origin: %s" % allowed.label)
+    await still_serving(ctx, row, server)
+
+
+async def smuggling(ctx, row):
+    server = ctx.start()
+    port = server.port
+    inner_body = small_body([(b"smuggled.txt", b"smuggled")])
+    inner = request_head(port, len(inner_body)) + inner_body
+    with row.measure(server):
+        for coding in (b"gzip", b"identity", b"chunked, identity", b"gzip, chunked"):
+            head = request_head(port, extra=[b"Transfer-Encoding: " + coding], keep_alive=True)
+            answer = row.record(await exchange(port, head, inner, timeout=10, linger=2))
+            row.check(answer.status == 501 and answer.after == "closed",
+                      "TE %s: %s, then %s" % (coding.decode(), answer.label, answer.after))
+        bad = await exchange(port, request_head(port, chunked=True, keep_alive=True),
+                             b"zz\r\nhello\r\n0\r\n\r\n", timeout=10, linger=2)
+        row.record(bad)
+        row.check(bad.status is not None and 400 <= bad.status < 500 and bad.after == "closed",
+                  "bad chunk size: %s, then %s" % (bad.label, bad.after))
+        row.good = await good_upload(ctx, server)
+    row.check(stored_names(server) == [], "stored %s" % stored_names(server))
+    await still_serving(ctx, row, server)
+
+
+async def control_characters(ctx, row):
+    server = ctx.start()
+    names = [b"esc\x1b[31mred.txt", b"one\x01.txt", b"del\x7f.txt"]
+    with row.measure(server):
+        for name in names:
+            body = small_body([(name, b"control")])
+            answer = row.record(await exchange(server.port, request_head(server.port, len(body)),
+                                               body))
+            row.check(answer.status == 400 and page_message(answer.body) is not None,
+                      "%r: %s" % (name, answer.label))
+        row.good = await good_upload(ctx, server)
+    row.check(stored_names(server) == [], "stored %r" % stored_names(server))
+    await still_serving(ctx, row, server)
+
+
+async def burst_then_idle(ctx, row):
+    form = ctx.form
+    server = ctx.start("--keep-body-memory", "0")
+    with row.measure(server) as meter:
+        uploads = [asyncio.create_task(upload_large(server, "burst-%d.bin" % i,
+                                                    form.burst_mib * MIB))
+                   for i in range(form.burst_count)]
+        answers = [row.record(answer) for answer in await asyncio.gather(*uploads)]
+        row.good = await good_upload(ctx, server)
+        await asyncio.sleep(3)
+        idle = meter.rss_mib()
+    row.notes.append("idle RSS %.0f MiB" % idle)
+    for index, answer in enumerate(answers):
+        row.check(answer.label in ("200", "503") and (answer.status != 200 or answer.whole),
+                  "burst-%d.bin: %s" % (index, answer.label))
+    row.check(idle <= form.idle_bound_mib, "idle RSS %.0f MiB > %d" % (idle, form.idle_bound_mib))
+    await still_serving(ctx, row, server)
+
+
+async def sigterm_while_trickling(ctx, row):
+    grace = 3
+    server = ctx.start("--shutdown-timeout", str(grace))
+    flood = Flood(server.port, "slow-body", 1, [GOOD_SOURCE], 0)
+    flood.reopens_left = 0
+    with row.measure(server):
+        trickle = asyncio.create_task(flood.attacker(0))
+        await asyncio.sleep(1)
+        row.good = await good_upload(ctx, server)
+    server.process.send_signal(signal.SIGTERM)
+    started = time.monotonic()
+    while server.process.poll() is None and time.monotonic() - started < grace + 2.5:
+        await asyncio.sleep(0.05)
+    took, code = time.monotonic() - started, server.process.poll()
+    if flood.opened:
+        flood.answers["open"] += len(flood.opened)
+    flood.stopping.set()
+    await asyncio.wait([trickle], timeout=5)
+    row.answers.update(flood.answers)
+    row.notes.append("exit %s after %.1f s" % (code, took) if code is not None else
+                     "still running %.1f s after SIGTERM" % took)
+    row.check(code == 0 and took <= grace + 2, "not exit 0 within %d s" % (grace + 2))
+
+
+async def password_flood(ctx, row):
+    hashed = subprocess.run([serverlib.SERVER, "--hash-password"], input=b"right-password\n",
+                            capture_output=True, timeout=30)
+    if hashed.returncode != 0 or not hashed.stdout.strip():
+        raise Skipped("--hash-password: " + first_line(hashed.stderr.decode(errors="replace")))
+    users = os.path.join(ctx.root, "users")
+    with open(users, "w") as file:
+        file.write("tester:%s\n" % hashed.stdout.decode().split()[-1])
+    server = ctx.start("--auth-file", users)
+    right = b"Authorization: Basic " + base64.b64encode(b"tester:right-password")
+    body = small_body([(b"flood.txt", b"flood")])
+    end = time.monotonic() + ctx.form.password_seconds
+
+    async def guesser(source, client):
+        for attempt in range(20000):
+            if time.monotonic() > end:
+                return
+            wrong = base64.b64encode(b"tester:wrong-%d-%d" % (client, attempt))
+            row.record(await exchange(server.port, request_head(
+                server.port, len(body), extra=[b"Authorization: Basic " + wrong]), body, source,
+                timeout=10))
+
+    with row.measure(server) as meter:
+        guessers = [asyncio.create_task(guesser(ATTACK_SOURCES[i], i)) for i in range(2)]
+        await asyncio.sleep(1)
+        row.good = await good_upload(ctx, server, extra=[right])
+        await asyncio.gather(*guessers)
+    bare = await exchange(server.port, request_head(server.port, len(body)), body)
+    row.check(bare.label == "401", "no credentials: %s" % bare.label)
+    wrong = set(row.answers) - {"401", "503"}
+    row.check(not wrong, "wrong passwords got %s" % sorted(wrong))
+    row.check_good(row.good)
+    if meter.cpu_percent is not None:
+        row.check(meter.cpu_percent < 30, "CPU %.0f%% >= 30%%" % meter.cpu_percent, timing=True)
+    await still_serving(ctx, row, server, [right])
+
+
+def first_line(text):
+    return (text.strip().splitlines() or ["(nothing)"])[0]
+
+
+def rows_of(form):
+    """(key, title, target, attack) for every row, in order."""
+    f = form
+    flood = "good <1s, CPU<10%%, log<%s" % human_bytes(MIB * f.flood_seconds // 30)
+    files = "400 'files', <=%d stored each" % (f.max_files or 1000)
+    return [
+        ("1", "%d x %d MiB uploads" % (f.big_count, f.big_mib),
+         "200 whole or early 503+RA, RSS<=%dM" % (f.big_budget_mib + 64), big_uploads),
+        ("2", "file name of %d MiB" % f.name_mib, "4xx, RSS<=3xbody+64M", long_name),
+        ("3", "chunked body past budget", "early 413, RSS<=128M", chunked_growth),
+        ("4", "%d idle connections" % f.flood_count, flood,
+         lambda ctx, row: flood_row(ctx, row, "idle", ATTACK_SOURCES)),
+        ("5", "%d slowloris heads" % f.flood_count, flood,
+         lambda ctx, row: flood_row(ctx, row, "slowloris", ATTACK_SOURCES)),
+        ("6", "%d slow bodies" % f.flood_count, flood,
+         lambda ctx, row: flood_row(ctx, row, "slow-body", ATTACK_SOURCES)),
+        ("4b", "%d idle from one address" % f.flood_count, "<=%d held; " % PER_CLIENT_CAP + flood,
+         lambda ctx, row: flood_row(ctx, row, "idle", ATTACK_SOURCES[:1])),
+        ("7", "accept errors, %d conns" % f.flood_count, flood,
+         lambda ctx, row: flood_row(ctx, row, "idle", ATTACK_SOURCES, "--max-connections",
+                                    str(5 * f.flood_nofile))),
+        ("8", "%d x %d tiny parts" % (f.files_requests, f.files_parts), files + ", good +<1s",
+         lambda ctx, row: many_files(ctx, row, f.files_requests, f.files_parts)),
+        ("9", "one body of %d parts" % f.one_body_parts, files,
+         lambda ctx, row: many_files(ctx, row, 1, f.one_body_parts)),
+        ("10", "cross-site POSTs", "403, nothing stored; same origin stores", cross_site),
+        ("11", "request smuggling", "501 + close; bad chunk 4xx + close", smuggling),
+        ("12", "control chars in names", "400 page, nothing stored", control_characters),
+        ("13", "burst %d x %d MiB, then idle" % (f.burst_count, f.burst_mib),
+         "idle RSS<=%dM" % f.idle_bound_mib, burst_then_idle),
+        ("14", "SIGTERM while a body trickles", "exit 0 within 5 s", sigterm_while_trickling),
+        ("15", "wrong-password flood", "401/503, good 200, CPU<30%", password_flood),
+    ]
+
+
+# ---- running -------------------------------------------------------------------------------
+
+class Context:
+    """What the rows share: the form, the temporary root, and every server started, so that
+    each way out can stop them."""
+
+    def __init__(self, form, root):
+        self.form, self.root = form, root
+        self.servers = []
+        self.row_servers = []
+        self.good_count = 0
+        self.lock = threading.Lock()
+
+    def start(self, *flags, nofile=None):
+        """A server of the current row; Skipped when it refuses its command line."""
+        directory = tempfile.mkdtemp(prefix="uploads-", dir=self.root)
+
+        def child():
+            # The server dies with us, even when we are killed outright.
+            LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+            if nofile:
+                resource.setrlimit(resource.RLIMIT_NOFILE, (nofile, nofile))
+
+        try:
+            server = Server(directory, *flags, preexec_fn=child)
+        except StartError as error:
+            if error.exit_code == 2:
+                raise Skipped(first_line(error.log)) from None
+            raise
+        with self.lock:
+            self.servers.append(server)
+        self.row_servers.append(server)
+        return server
+
+    def finish_row(self, row):
+        """Stops the row's servers (a failed stop fails the row) and removes their files."""
+        for index, server in enumerate(self.row_servers):
+            if server.process.poll() is None:
+                try:
+                    code = server.stop(timeout=15)
+                except subprocess.TimeoutExpired:
+                    code = "none within 15 s"
+                row.check(code == 0, "SIGTERM: exit %s" % code)
+            if index == 0:
+                row.log_tail = server.log_tail()
+            server.close()
+            shutil.rmtree(server.directory, ignore_errors=True)
+        self.row_servers = []
+
+    def kill_all(self):
+        with self.lock:
+            for server in self.servers:
+                with contextlib.suppress(Exception):
+                    server.kill()
+
+
+def run_row(ctx, key, title, target, attack):
+    row = Row(key, title, target)
+    try:
+        asyncio.run(asyncio.wait_for(attack(ctx, row), ctx.form.row_limit))
+    except Skipped as refused:
+        row.skipped = str(refused)
+    except TimeoutError:
+        row.check(False, "not done within %d s" % ctx.form.row_limit)
+    except Exception as error:  # the row fails; the others still run
+        traceback.print_exc()
+        row.check(False, "tool error: %r" % error)
+    finally:
+        ctx.finish_row(row)
+    return row
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("server", nargs="?", default=serverlib.SERVER,
+                        help="the kestrin-upload-server binary (default: $KESTRIN_SERVER)")
+    parser.add_argument("--full", action="store_true", help="full sizes (many GB, long)")
+    parser.add_argument("--only", help="comma-separated row keys, e.g. 1,4b,10")
+    parser.add_argument("--deadline", type=int,
+                        help="seconds for the whole run (default: 300 short, 1800 full)")
+    arguments = parser.parse_args()
+    serverlib.SERVER = os.path.abspath(arguments.server) if arguments.server else ""
+    if not serverlib.SERVER or not os.access(serverlib.SERVER, os.X_OK):
+        parser.error("no server binary: pass it or set KESTRIN_SERVER")
+    form = FULL if arguments.full else SHORT
+    deadline = arguments.deadline or form.deadline
+    selected = rows_of(form)
+    if arguments.only:
+        keys = arguments.only.split(",")
+        unknown = set(keys) - {entry[0] for entry in selected}
+        if unknown:
+            parser.error("unknown rows %s" % sorted(unknown))
+        selected = [entry for entry in selected if entry[0] in keys]
+
+    # The floods open more connections than the default descriptor limit allows.
+    _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    root = tempfile.mkdtemp(prefix="kestrin-hostile-")
+    ctx = Context(form, root)
+    rows = []
+    print_lock = threading.Lock()
+
+    def on_deadline():
+        with print_lock:
+            ctx.kill_all()
+            shutil.rmtree(root, ignore_errors=True)
+            print_table(rows, arguments.full)
+            print("FAIL: the deadline of %d s passed; every server killed" % deadline,
+                  file=sys.stderr, flush=True)
+            os._exit(1)
+
+    watchdog = threading.Timer(deadline, on_deadline)
+    watchdog.daemon = True
+    watchdog.start()
+    try:
+        print("hostile load, %s form, against %s" % (form.name, serverlib.SERVER), flush=True)
+        for entry in selected:
+            started = time.monotonic()
+            rows.append(run_row(ctx, *entry))
+            print("row %s done in %.1f s: %s" % (entry[0], time.monotonic() - started,
+                                                 rows[-1].verdict(arguments.full).split(":")[0]),
+                  file=sys.stderr, flush=True)
+    finally:
+        watchdog.cancel()
+        ctx.kill_all()
+        shutil.rmtree(root, ignore_errors=True)
+    with print_lock:
+        print_table(rows, arguments.full)
+        failed = [row for row in rows if row.fails(arguments.full)]
+        for row in failed:
+            if row.log_tail:
+                print("--- row %s failed; the server's log ends:\n%s" % (row.key, row.log_tail),
+                      file=sys.stderr)
+        print("%d of %d rows failed" % (len(failed), len(rows)), file=sys.stderr)
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
