@@ -35,7 +35,7 @@ std::runtime_error lineError(const std::string& sourceName, std::size_t lineNumb
     return std::runtime_error(sourceName + ":" + std::to_string(lineNumber) + ": " + what);
 }
 
-// Whether the bytes differ, looking at every byte whatever the first difference: the time
+// Whether the bytes are equal, looking at every byte whatever the first difference: the time
 // taken tells only the length, which every hash of one method shares.
 bool equalInConstantTime(std::string_view a, std::string_view b) {
     if (a.size() != b.size()) {

@@ -101,7 +101,8 @@ private:
     const Options options;
     std::mutex mutex;
     // Granted header values and their users. Only a correct password gets in, so clients
-    // cannot fill it with guesses.
+    // cannot fill it with guesses. A lookup compares whole keys only once their hashes match,
+    // so its time tells a guess nothing about the headers kept here.
     std::unordered_map<std::string, std::string> granted;
     // May go below zero: checks already running when the credit ran out are charged in full.
     Credit credit;
