@@ -1,14 +1,18 @@
 #include "host/BodyBufferPool.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace kestrin::host {
 
-BodyBufferPool::BodyBufferPool(std::size_t limitBytes, std::size_t smallestBytes)
+BodyBufferPool::BodyBufferPool(std::size_t limitBytes, std::size_t smallestBytes,
+                               MemoryBudget* memoryBudget)
     : limit(limitBytes)
-    , smallest(smallestBytes) {}
+    , smallest(smallestBytes)
+    , budget(memoryBudget)
+    , keptCharge(memoryBudget != nullptr ? memoryBudget->empty() : MemoryBudget::Reservation()) {}
 
-common::DataBuffer BodyBufferPool::take(std::size_t size) {
+common::DataBuffer BodyBufferPool::take(std::size_t size, MemoryBudget::Reservation* charge) {
     common::DataBuffer taken;
     // A small body would tie up a large block that a large one may need next.
     if (size < smallest) {
@@ -29,12 +33,19 @@ common::DataBuffer BodyBufferPool::take(std::size_t size) {
         taken.swap(*best);
         kept.erase(best);
         keptTotal -= taken.getCapacity();
+        if (budget != nullptr) {
+            if (charge != nullptr) {
+                keptCharge.moveTo(*charge, taken.getCapacity());
+            } else {
+                keptCharge.shrink(taken.getCapacity());
+            }
+        }
     }
     taken.resize(0);
     return taken;
 }
 
-void BodyBufferPool::give(common::DataBuffer&& buffer) {
+void BodyBufferPool::give(common::DataBuffer&& buffer, MemoryBudget::Reservation* charge) {
     common::DataBuffer given(std::move(buffer));
     const std::size_t capacity = given.getCapacity();
     if (given.bytes() == nullptr || capacity < smallest) {
@@ -42,9 +53,37 @@ void BodyBufferPool::give(common::DataBuffer&& buffer) {
     }
     // A buffer not kept is freed after the lock is let go: given outlives the guard.
     std::lock_guard<std::mutex> guard(mutex);
-    if (capacity <= limit - keptTotal) {
-        kept.push_back(std::move(given));
-        keptTotal += capacity;
+    if (capacity > limit - keptTotal) {
+        return;
+    }
+    if (budget != nullptr) {
+        const std::size_t carried =
+            charge != nullptr ? std::min<std::uint64_t>(charge->bytes(), capacity) : 0;
+        if (carried < capacity && !keptCharge.grow(capacity - carried, false)) {
+            return;
+        }
+        if (carried > 0) {
+            charge->moveTo(keptCharge, carried);
+        }
+    }
+    kept.push_back(std::move(given));
+    keptTotal += capacity;
+}
+
+void BodyBufferPool::reclaim(std::size_t needed) {
+    std::vector<common::DataBuffer> freed;
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        std::sort(kept.begin(), kept.end(),
+                  [](const auto& a, const auto& b) { return a.getCapacity() > b.getCapacity(); });
+        std::size_t released = 0;
+        while (!kept.empty() && released < needed) {
+            released += kept.front().getCapacity();
+            freed.push_back(std::move(kept.front()));
+            kept.erase(kept.begin());
+        }
+        keptTotal -= released;
+        keptCharge.shrink(released);
     }
 }
 
