@@ -1,0 +1,98 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace kestrin::host {
+
+// The server's open connections as slots: how many there may be in all and from one client
+// address, what each is doing, and, when there is no free slot, which connection is most worth
+// closing to make room for a new one. No sockets: the listener and the sessions report what
+// happens and act on its answers. Safe on any thread.
+//
+// A connection is worth closing when it holds its slot without using it: waiting for a request
+// that does not come, sending a head by the byte, or sending a body below the minimum rate, in
+// each case for at least `evictableAfter`. A connection whose request is being served never is.
+class ConnectionTable {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Id = std::uint64_t;
+
+    enum class Phase {
+        idle, // waiting for the first byte of a request
+        head, // reading a request head
+        body, // reading a request body
+        busy  // a request is being served or answered
+    };
+
+    struct Limits {
+        std::size_t maxConnections;
+        std::size_t maxPerClient;
+        std::uint64_t minBodyRate; // bytes per second
+        Clock::duration evictableAfter = std::chrono::seconds(1);
+    };
+
+    struct Admission {
+        enum class Outcome {
+            admitted,   // the connection has a slot (perhaps one the victim held)
+            clientFull, // its address holds all its slots, none worth closing
+            full        // every slot is held, none worth closing
+        };
+        Outcome outcome = Outcome::admitted;
+        Id id = 0;
+        // Set when the slot was taken from this connection: the caller closes it. It no
+        // longer counts; its removal later is harmless.
+        std::optional<Id> victim;
+        Phase victimPhase = Phase::idle;
+    };
+
+    explicit ConnectionTable(const Limits& limits);
+    ConnectionTable(const ConnectionTable&) = delete;
+    ConnectionTable& operator=(const ConnectionTable&) = delete;
+
+    // Whether a connection from an address not seen yet would get a slot now.
+    [[nodiscard]] bool hasRoom(Clock::time_point now) const;
+    // Takes a slot for a new connection from client, or says why there is none.
+    [[nodiscard]] Admission admit(const std::string& client, Clock::time_point now);
+
+    // A connection changed phase; its clock for that phase starts now.
+    void enter(Id id, Phase phase, Clock::time_point now);
+    // Body bytes arrived on a connection in its body phase.
+    void received(Id id, std::uint64_t bytes);
+    // The connection is gone. Runs the room callback, if one waits and a slot is now free.
+    void remove(Id id);
+    // Called once, on whatever thread frees the next slot, unless there is a free slot
+    // already: then at once, on this thread.
+    void whenRoom(std::function<void()> callback);
+
+    std::size_t size() const;
+
+private:
+    struct Entry {
+        std::string client;
+        Phase phase;
+        Clock::time_point since;
+        std::uint64_t bodyBytes;
+        bool evicted;
+    };
+
+    // The connection most worth closing, among those of client if given.
+    std::optional<Id> chooseVictim(const std::string* client, Clock::time_point now) const;
+    void evictLocked(Id id);
+
+    const Limits limits;
+    mutable std::mutex mutex;
+    std::unordered_map<Id, Entry> entries;
+    std::unordered_map<std::string, std::size_t> perClient;
+    std::size_t counted = 0; // entries not evicted
+    Id nextId = 1;
+    std::function<void()> roomCallback;
+};
+
+} // namespace kestrin::host

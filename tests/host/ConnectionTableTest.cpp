@@ -1,0 +1,117 @@
+#include "host/ConnectionTable.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace kestrin::host {
+namespace {
+
+using Clock = ConnectionTable::Clock;
+using Outcome = ConnectionTable::Admission::Outcome;
+using Phase = ConnectionTable::Phase;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+const Clock::time_point start{};
+
+ConnectionTable::Limits limits(std::size_t all, std::size_t perClient) {
+    return ConnectionTable::Limits{all, perClient, 1000, seconds(1)};
+}
+
+ConnectionTable::Id admitted(ConnectionTable& table, const std::string& client,
+                             Clock::time_point now) {
+    const ConnectionTable::Admission admission = table.admit(client, now);
+    EXPECT_EQ(admission.outcome, Outcome::admitted);
+    EXPECT_FALSE(admission.victim);
+    return admission.id;
+}
+
+TEST(ConnectionTable, aFullTableClosesTheConnectionLeastInUseAndNeverOneBeingServed) {
+    // Four connections, one in each phase, all long enough in it to be judged.
+    ConnectionTable table(limits(4, 4));
+    const auto serving = admitted(table, "a", start);
+    const auto slowBody = admitted(table, "b", start);
+    const auto slowHead = admitted(table, "c", start);
+    const auto idle = admitted(table, "d", start);
+    table.enter(serving, Phase::busy, start);
+    table.enter(slowBody, Phase::body, start);
+    table.received(slowBody, 500); // 500 bytes in 2 s is under 1000 a second
+    table.enter(slowHead, Phase::head, start);
+    const Clock::time_point later = start + seconds(2);
+
+    const std::vector<std::pair<ConnectionTable::Id, Phase>> order = {
+        {idle, Phase::idle}, {slowHead, Phase::head}, {slowBody, Phase::body}};
+    for (const auto& [expected, phase] : order) {
+        const ConnectionTable::Admission admission = table.admit("new", later);
+        ASSERT_EQ(admission.outcome, Outcome::admitted);
+        ASSERT_TRUE(admission.victim);
+        EXPECT_EQ(*admission.victim, expected);
+        EXPECT_EQ(admission.victimPhase, phase);
+        EXPECT_EQ(table.size(), 4u);
+        table.remove(expected); // the victim's session ends later; harmless
+        EXPECT_EQ(table.size(), 4u);
+        // The newcomers are fresh: not worth closing yet.
+        table.enter(admission.id, Phase::busy, later);
+    }
+    EXPECT_FALSE(table.hasRoom(later));
+    EXPECT_EQ(table.admit("new", later).outcome, Outcome::full);
+    table.remove(serving);
+    EXPECT_TRUE(table.hasRoom(later));
+}
+
+TEST(ConnectionTable, connectionsAreJudgedOnlyAfterTheirGraceAndBodiesByTheirRate) {
+    ConnectionTable table(limits(2, 2));
+    const auto fast = admitted(table, "a", start);
+    const auto fresh = admitted(table, "b", start + milliseconds(1500));
+    table.enter(fast, Phase::body, start);
+    table.received(fast, 3000); // 3000 bytes in 2 s keeps 1000 a second
+    const Clock::time_point now = start + seconds(2);
+    EXPECT_FALSE(table.hasRoom(now));
+    EXPECT_EQ(table.admit("c", now).outcome, Outcome::full);
+    // A second later the idle newcomer has had its grace and goes; the body keeps its rate.
+    const ConnectionTable::Admission admission = table.admit("c", now + seconds(1));
+    ASSERT_TRUE(admission.victim);
+    EXPECT_EQ(*admission.victim, fresh);
+}
+
+TEST(ConnectionTable, aClientOverItsLimitMakesRoomFromItsOwnConnectionsOnly) {
+    ConnectionTable table(limits(10, 2));
+    const auto own = admitted(table, "a", start);
+    const auto ownBusy = admitted(table, "a", start);
+    const auto other = admitted(table, "b", start);
+    table.enter(ownBusy, Phase::busy, start);
+    const Clock::time_point later = start + seconds(5);
+    (void)other; // idle and old, but another client's
+
+    const ConnectionTable::Admission third = table.admit("a", later);
+    ASSERT_EQ(third.outcome, Outcome::admitted);
+    ASSERT_TRUE(third.victim);
+    EXPECT_EQ(*third.victim, own);
+    EXPECT_EQ(table.admit("a", later).outcome, Outcome::clientFull);
+    EXPECT_EQ(table.size(), 3u);
+    // Other clients are not held back by one at its limit.
+    admitted(table, "c", later);
+    // A removal gives the client its slot back.
+    table.remove(ownBusy);
+    admitted(table, "a", later);
+}
+
+TEST(ConnectionTable, aWaitForRoomEndsWithTheFirstFreedSlotOrAtOnce) {
+    ConnectionTable table(limits(1, 1));
+    int calls = 0;
+    table.whenRoom([&] { ++calls; });
+    EXPECT_EQ(calls, 1); // room now
+
+    const auto only = admitted(table, "a", start);
+    table.whenRoom([&] { ++calls; });
+    EXPECT_EQ(calls, 1);
+    table.enter(only, Phase::head, start);
+    table.remove(only);
+    EXPECT_EQ(calls, 2);
+    table.remove(only); // twice, or unknown: nothing happens
+    EXPECT_EQ(calls, 2);
+}
+
+} // namespace
+} // namespace kestrin::host
