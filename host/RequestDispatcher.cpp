@@ -95,7 +95,8 @@ Reply RequestDispatcher::callService(http::HttpServiceProvider& provider, const 
                              "the service answered with status " +
                                  std::to_string(response->getStatus()));
         }
-        return Reply{response->getStatus(), std::string(htmlType), response->takeBodyBytes(), {}};
+        return Reply{
+            response->getStatus(), std::string(htmlType), response->takeBodyBytes(), {}, {}};
     } catch (const std::exception& error) {
         return plainText(500, internalErrorText, error.what());
     } catch (...) {
@@ -107,13 +108,13 @@ Reply RequestDispatcher::plainText(unsigned status, std::string_view text, std::
     common::DataBuffer body;
     body.append(reinterpret_cast<const uint8_t*>(text.data()), text.size());
     body.pushBack('\n');
-    return Reply{status, std::string(textType), std::move(body), std::move(detail)};
+    return Reply{status, std::string(textType), std::move(body), std::move(detail), {}};
 }
 
 Reply RequestDispatcher::demoPageReply() {
     common::DataBuffer body;
     body.append(reinterpret_cast<const uint8_t*>(demoPage.data()), demoPage.size());
-    return Reply{200, std::string(htmlType), std::move(body), {}};
+    return Reply{200, std::string(htmlType), std::move(body), {}, {}};
 }
 
 } // namespace kestrin::host

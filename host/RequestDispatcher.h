@@ -10,16 +10,19 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace kestrin::host {
 
-// What goes back to the client: status, Content-Type and the body bytes. detail says, for
-// the log only, why a host error was sent.
+// What goes back to the client: status, Content-Type, further header fields and the body
+// bytes. detail says, for the log only, why a host error was sent.
 struct Reply {
-    unsigned status;
+    unsigned status = 500;
     std::string contentType;
     common::DataBuffer body;
     std::string detail;
+    std::vector<std::pair<std::string, std::string>> headers;
 };
 
 // Plays the framework between the HTTP side and the services: decides from a request's

@@ -1,0 +1,319 @@
+#include "host/RequestGate.h"
+
+#include "host/BasicAuth.h"
+#include "host/HttpRules.h"
+
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/rfc7230.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+#include <utility>
+
+namespace kestrin::host {
+
+namespace http = boost::beast::http;
+
+namespace {
+
+// Client text echoed in an answer or the log is cut to this many bytes.
+constexpr std::size_t echoLimit = 200;
+
+std::string echo(boost::beast::string_view text) {
+    std::string shown(text.data(), std::min(text.size(), echoLimit));
+    if (text.size() > echoLimit) {
+        shown += "...";
+    }
+    return shown;
+}
+
+std::string lower(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return result;
+}
+
+// host[:port] without the port that the scheme implies (http 80, https 443).
+std::string withoutDefaultPort(std::string authority, std::string_view scheme) {
+    const std::string_view port = scheme == "https" ? ":443" : scheme == "http" ? ":80" : "";
+    if (!port.empty() && authority.size() > port.size() &&
+        authority.compare(authority.size() - port.size(), port.size(), port) == 0) {
+        authority.resize(authority.size() - port.size());
+    }
+    return authority;
+}
+
+std::string toString(boost::beast::string_view text) {
+    return std::string(text.data(), text.size());
+}
+
+Reply refuse(unsigned status, std::string text, std::string reason) {
+    return RequestDispatcher::plainText(status, text, std::move(reason));
+}
+
+} // namespace
+
+std::optional<std::string> normalizeOrigin(std::string_view text) {
+    const size_t separator = text.find("://");
+    if (separator == std::string_view::npos || separator == 0) {
+        return std::nullopt;
+    }
+    const std::string scheme = lower(text.substr(0, separator));
+    const std::string authority = lower(text.substr(separator + 3));
+    if (authority.empty() || authority.find_first_of("/?#@ ") != std::string::npos ||
+        !std::all_of(scheme.begin(), scheme.end(), [](char c) {
+            return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.';
+        })) {
+        return std::nullopt;
+    }
+    return scheme + "://" + withoutDefaultPort(authority, scheme);
+}
+
+RequestGate::RequestGate(GateSettings gateSettings,
+                         std::shared_ptr<const RequestDispatcher> requestDispatcher,
+                         MemoryBudget* memoryBudget, BasicAuth* basicAuth)
+    : settings(std::move(gateSettings))
+    , dispatcher(std::move(requestDispatcher))
+    , budget(memoryBudget)
+    , auth(basicAuth) {
+    for (std::string& origin : settings.allowedOrigins) {
+        origin = normalizeOrigin(origin).value_or(lower(origin));
+    }
+}
+
+Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> contentLength) const {
+    Verdict verdict;
+    // A coding we do not decode leaves the body's end unknown: reading on would take the body
+    // for the next request.
+    if (head.count(http::field::transfer_encoding) > 0) {
+        std::vector<std::string> codings;
+        const auto fields = head.equal_range(http::field::transfer_encoding);
+        for (auto field = fields.first; field != fields.second; ++field) {
+            for (const auto coding : http::token_list(field->value())) {
+                codings.push_back(lower(std::string_view(coding.data(), coding.size())));
+            }
+        }
+        if (codings.size() != 1 || codings.front() != "chunked") {
+            std::string listed = toString(head[http::field::transfer_encoding]);
+            verdict.reply = refuse(501, "Not Implemented: transfer coding " + echo(listed),
+                                   "transfer coding " + echo(listed));
+            return verdict;
+        }
+    }
+    if (auth != nullptr) {
+        const BasicAuth::Result result = auth->check(std::string_view(
+            head[http::field::authorization].data(), head[http::field::authorization].size()));
+        switch (result.outcome) {
+        case BasicAuth::Outcome::granted:
+            verdict.user = result.user;
+            break;
+        case BasicAuth::Outcome::missing:
+        case BasicAuth::Outcome::denied:
+            verdict.reply = refuse(401, "Unauthorized: log in to upload",
+                                   result.outcome == BasicAuth::Outcome::missing
+                                       ? "no credentials"
+                                       : "wrong credentials for " + echo(result.user));
+            verdict.reply.headers.emplace_back("WWW-Authenticate",
+                                               std::string(BasicAuth::challenge));
+            return verdict;
+        case BasicAuth::Outcome::throttled:
+            verdict.reply = refuse(503, "Service Unavailable: too many login attempts; retry",
+                                   "password checks over their budget");
+            verdict.reply.headers.emplace_back(
+                "Retry-After", std::to_string(std::max<long long>(1, result.retryAfter.count())));
+            return verdict;
+        }
+    }
+
+    const std::string target = toString(head.target());
+    const std::optional<std::string> path = decodeTargetPath(target);
+    if (!path) {
+        verdict.reply =
+            refuse(400, "Bad Request: malformed percent-escape in the request target", "");
+        return verdict;
+    }
+    if (!settings.discardRoute.empty() && *path == settings.discardRoute) {
+        verdict.kind = Verdict::Kind::discard;
+        return verdict;
+    }
+    verdict.destination = dispatcher->route(toString(head.method_string()), *path);
+    switch (verdict.destination.kind) {
+    case RequestDispatcher::Destination::Kind::demoPage:
+        verdict.reply = RequestDispatcher::demoPageReply();
+        return verdict;
+    case RequestDispatcher::Destination::Kind::notFound:
+        verdict.reply = RequestDispatcher::plainText(404, "Not Found");
+        return verdict;
+    case RequestDispatcher::Destination::Kind::service:
+        break;
+    }
+    if (std::optional<Reply> refusal = crossSiteRefusal(head)) {
+        verdict.reply = std::move(*refusal);
+        return verdict;
+    }
+    if (contentLength && *contentLength > 0) {
+        if (std::optional<Reply> refusal = memoryRefusal(*contentLength, verdict)) {
+            verdict.reply = std::move(*refusal);
+            return verdict;
+        }
+    } else if (budget != nullptr) {
+        verdict.charge = budget->empty();
+    }
+    const auto contentType = head.find(http::field::content_type);
+    if (contentType != head.end()) {
+        const auto value = contentType->value();
+        verdict.boundary = findBoundaryParameter(std::string_view(value.data(), value.size()));
+    }
+    verdict.kind = Verdict::Kind::service;
+    return verdict;
+}
+
+std::optional<Reply> RequestGate::crossSiteRefusal(const Head& head) const {
+    const auto origin = head.find(http::field::origin);
+    const std::optional<std::string> normalized =
+        origin != head.end()
+            ? normalizeOrigin(std::string_view(origin->value().data(), origin->value().size()))
+            : std::nullopt;
+    if (normalized && std::find(settings.allowedOrigins.begin(), settings.allowedOrigins.end(),
+                                *normalized) != settings.allowedOrigins.end()) {
+        return std::nullopt;
+    }
+    const auto shown = [&] { return origin != head.end() ? echo(origin->value()) : "none"; };
+    if (boost::beast::iequals(head["Sec-Fetch-Site"], "cross-site")) {
+        return refuse(403, "Forbidden: uploads from pages of other sites are refused",
+                      "cross-site request, Origin " + shown());
+    }
+    if (origin == head.end()) {
+        // Browsers name the origin of every cross-origin POST; a client without one (curl, a
+        // form of our own page in an older browser) is not a page of another site.
+        return std::nullopt;
+    }
+    // Our own origin is wherever the client reached us: the Host it sent, on the origin's
+    // scheme (so a proxy that serves us over https keeps working).
+    const std::string host = lower(toString(head[http::field::host]));
+    if (normalized && !host.empty()) {
+        const size_t separator = normalized->find("://");
+        const std::string scheme = normalized->substr(0, separator);
+        if (normalized->substr(separator + 3) == withoutDefaultPort(host, scheme)) {
+            return std::nullopt;
+        }
+    }
+    return refuse(403, "Forbidden: uploads from pages of other sites are refused",
+                  "Origin " + shown() + " is not this server's (Host " +
+                      echo(head[http::field::host]) + ")");
+}
+
+std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& verdict) const {
+    if (budget == nullptr) {
+        return std::nullopt;
+    }
+    const std::uint64_t needed = chargeFor(length);
+    if (needed > budget->limit()) {
+        return refuse(413,
+                      "Payload Too Large: a body of " + std::to_string(length) +
+                          " bytes needs more memory than this server may use",
+                      "body of " + std::to_string(length) + " bytes needs " +
+                          std::to_string(needed) + " of a budget of " +
+                          std::to_string(budget->limit()));
+    }
+    std::optional<MemoryBudget::Reservation> charge = budget->reserve(needed);
+    if (!charge) {
+        Reply reply = refuse(503, "Service Unavailable: not enough memory for this body now; retry",
+                             "memory budget: " + std::to_string(budget->used()) + " of " +
+                                 std::to_string(budget->limit()) + " in use, " +
+                                 std::to_string(needed) + " needed");
+        reply.headers.emplace_back("Retry-After", "5");
+        return reply;
+    }
+    verdict.charge = std::move(*charge);
+    return std::nullopt;
+}
+
+std::uint64_t RequestGate::chargeFor(std::uint64_t bodyCapacity) {
+    return 2 * bodyCapacity + requestOverhead;
+}
+
+std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec,
+                                              Stage stage) const {
+    if (ec == http::error::header_limit ||
+        (stage == Stage::head && ec == http::error::buffer_overflow)) {
+        return refuse(431, "Request Header Fields Too Large", "");
+    }
+    if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
+        return refuse(413, "Payload Too Large", "");
+    }
+    if (ec == boost::system::errc::not_enough_memory) {
+        Reply reply = refuse(503, "Service Unavailable: not enough memory for this request body",
+                             "allocation failed");
+        reply.headers.emplace_back("Retry-After", "5");
+        return reply;
+    }
+    // The client's bytes are no HTTP: a bad request line, field, length or chunk. A message cut
+    // off by the client closing has nobody left to answer.
+    if (ec.category() == http::make_error_code(http::error::bad_target).category() &&
+        ec != http::error::partial_message && ec != http::error::end_of_stream &&
+        ec != http::error::need_more && ec != http::error::need_buffer) {
+        return refuse(400, "Bad Request: " + ec.message(), ec.message());
+    }
+    return std::nullopt;
+}
+
+Reply RequestGate::timedOut(Stage stage) const {
+    if (stage == Stage::head) {
+        return refuse(408,
+                      "Request Timeout: the request head did not arrive within " +
+                          std::to_string(settings.headerTimeout.count()) + " s",
+                      "head not complete in time");
+    }
+    return refuse(408,
+                  "Request Timeout: the body paused for " +
+                      std::to_string(settings.idleTimeout.count()) + " s or arrived slower than " +
+                      std::to_string(settings.minBodyRate) + " bytes a second",
+                  "body stalled or below the minimum rate");
+}
+
+Reply RequestGate::bodyOverBudget() const {
+    return refuse(413, "Payload Too Large: the body no longer fits in the memory of this server",
+                  "body without a length grew past the memory budget");
+}
+
+RequestGate::Growth RequestGate::appendToBody(common::DataBuffer& body, std::string_view piece,
+                                              MemoryBudget::Reservation& charge) const {
+    const std::size_t needed = body.getSize() + piece.size();
+    if (needed > body.getCapacity()) {
+        // The buffer's own growth, so the charge covers what it will really take.
+        const std::size_t capacity = std::max(2 * body.getCapacity(), needed);
+        const std::uint64_t due = chargeFor(capacity);
+        if (budget != nullptr && due > charge.bytes() && !charge.grow(due - charge.bytes())) {
+            return Growth::overBudget;
+        }
+        try {
+            body.reserve(capacity);
+        } catch (const std::runtime_error&) {
+            return Growth::outOfMemory;
+        }
+    }
+    body.append(reinterpret_cast<const std::uint8_t*>(piece.data()), piece.size());
+    return Growth::appended;
+}
+
+RequestGate::Clock::time_point RequestGate::headDeadline(Clock::time_point firstByte) const {
+    return firstByte + settings.headerTimeout;
+}
+
+RequestGate::Clock::time_point RequestGate::bodyDeadline(Clock::time_point start,
+                                                         std::uint64_t received,
+                                                         Clock::time_point now) const {
+    const std::uint64_t rate = std::max<std::uint64_t>(settings.minBodyRate, 1);
+    // Whole seconds of credit, capped so the clock cannot overflow (the idle bound comes first
+    // anyway), and the rest in microseconds.
+    const auto seconds = std::chrono::seconds(std::min<std::uint64_t>(received / rate, 1ULL << 32));
+    const auto fraction = std::chrono::microseconds((received % rate) * 1'000'000 / rate);
+    const Clock::time_point rated = start + settings.headerTimeout + seconds + fraction;
+    return std::min(rated, now + settings.idleTimeout);
+}
+
+} // namespace kestrin::host

@@ -1,0 +1,125 @@
+#pragma once
+
+#include "common/DataBuffer.h"
+#include "host/MemoryBudget.h"
+#include "host/RequestDispatcher.h"
+
+#include <boost/beast/core/error.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/optional.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kestrin::host {
+
+class BasicAuth;
+
+// The settings that shape what the gate lets in.
+struct GateSettings {
+    std::uint64_t maxBody = std::uint64_t{1} << 30;
+    // Origins ("scheme://host[:port]") whose pages may post uploads to us from another site.
+    std::vector<std::string> allowedOrigins;
+    // A path read and dropped for benchmarks (empty: none); it stores nothing, so it needs no
+    // origin check and no memory beyond the connection's.
+    std::string discardRoute;
+    std::chrono::seconds headerTimeout{10};
+    std::uint64_t minBodyRate = 1024; // bytes per second
+    // The longest a body may pause, whatever rate it kept before.
+    std::chrono::seconds idleTimeout{30};
+};
+
+// What the server does with a request whose head is in.
+struct Verdict {
+    enum class Kind {
+        answer,  // send reply; a body not read by then leaves the connection closed after it
+        service, // read the body, then hand it to destination's service
+        discard  // read the body and drop it
+    };
+    Kind kind = Kind::answer;
+    Reply reply;
+    RequestDispatcher::Destination destination{RequestDispatcher::Destination::Kind::notFound,
+                                               nullptr, Address()};
+    std::optional<std::string> boundary;
+    // Memory held for the body and the copy the module makes of its part, from the budget;
+    // a body without a length starts with none and is charged as it grows.
+    MemoryBudget::Reservation charge;
+    // The authenticated user, when authentication is on.
+    std::string user;
+};
+
+// Decides, from a request's head alone, whether and how the server serves it: framing,
+// authentication, routing, the origin of uploads and their memory; and what to answer when
+// reading a request fails or falls behind. No sockets: the session does the reading and writing
+// and follows the verdicts, so that tests and the HTTP fuzz target drive the same decisions. Safe
+// on any thread.
+class RequestGate {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Head = boost::beast::http::request_header<>;
+
+    enum class Stage { head, body };
+
+    // Charged for every admitted upload besides its body and the copy of its part: the parsed
+    // head, the part header map, the answer page.
+    static constexpr std::uint64_t requestOverhead = 64 * 1024;
+
+    // auth may be null: no authentication. budget may be null: no memory bound.
+    RequestGate(GateSettings settings, std::shared_ptr<const RequestDispatcher> dispatcher,
+                MemoryBudget* budget, BasicAuth* auth);
+
+    // contentLength is the parser's reading of the head's framing fields.
+    [[nodiscard]] Verdict decide(const Head& head,
+                                 boost::optional<std::uint64_t> contentLength) const;
+
+    // What a body of this capacity costs the budget: itself, the copy the module makes of its
+    // part (at most the body), and the request's overhead.
+    static std::uint64_t chargeFor(std::uint64_t bodyCapacity);
+
+    // The answer to a failed read, or nothing when nobody is left to answer (the client closed
+    // or reset the connection). Every answer here closes the connection: after a framing error
+    // nobody knows where the next request would start.
+    [[nodiscard]] std::optional<Reply> onReadError(const boost::beast::error_code& ec,
+                                                   Stage stage) const;
+    // The answer to a client that fell behind the deadline of its head or its body.
+    [[nodiscard]] Reply timedOut(Stage stage) const;
+    // The answer to a body without a length that grew past what the budget can give it.
+    [[nodiscard]] Reply bodyOverBudget() const;
+
+    enum class Growth { appended, overBudget, outOfMemory };
+    // Appends a piece of a body without a length (a chunk), first charging charge for the room
+    // the body grows by: such a body was admitted with nothing and must earn every byte. On
+    // failure the body and the charge stay as they were.
+    [[nodiscard]] Growth appendToBody(common::DataBuffer& body, std::string_view piece,
+                                      MemoryBudget::Reservation& charge) const;
+
+    // By when a head whose first byte came at firstByte must be complete.
+    Clock::time_point headDeadline(Clock::time_point firstByte) const;
+    // By when a body that started at start, and of which received bytes are in by now, must
+    // be complete or have gone on: within the head's allowance and a second per minBodyRate
+    // bytes, and no later than an idle timeout from now.
+    Clock::time_point bodyDeadline(Clock::time_point start, std::uint64_t received,
+                                   Clock::time_point now) const;
+
+    const GateSettings& getSettings() const noexcept { return settings; }
+
+private:
+    std::optional<Reply> crossSiteRefusal(const Head& head) const;
+    std::optional<Reply> memoryRefusal(std::uint64_t length, Verdict& verdict) const;
+
+    GateSettings settings;
+    std::shared_ptr<const RequestDispatcher> dispatcher;
+    MemoryBudget* budget;
+    BasicAuth* auth;
+};
+
+// "scheme://host[:port]" in lower case without the scheme's default port, or nothing when text
+// is no such origin (a path, user info, or no scheme).
+[[nodiscard]] std::optional<std::string> normalizeOrigin(std::string_view text);
+
+} // namespace kestrin::host

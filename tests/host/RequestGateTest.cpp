@@ -1,0 +1,318 @@
+#include "host/RequestGate.h"
+
+#include "file_upload/MultipartUploadServiceImpl.h"
+#include "file_upload/MultipartUploadServiceProvider.h"
+#include "host/BasicAuth.h"
+#include "host/RouteTable.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/core/detail/base64.hpp>
+#include <boost/beast/http.hpp>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrin::host {
+namespace {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+using Kind = Verdict::Kind;
+using Clock = RequestGate::Clock;
+
+class NoFiles final : public file::v1::FileService {
+public:
+    Future<file_common::v1::FileInfo> writeFile(file_common::v1::File&& file, bool) override {
+        return makeReadyFuture(file_common::v1::FileInfo(file.info.path));
+    }
+};
+
+// The dispatcher the server builds: the upload routes lead to the module's provider.
+std::shared_ptr<RequestDispatcher> uploadDispatcher() {
+    auto routes = std::make_shared<RouteTable>();
+    const Address address("upload");
+    routes->addRoute("/users", address);
+    routes->addRoute("/ORVANE Drive", address);
+    auto dispatcher = std::make_shared<RequestDispatcher>(routes);
+    dispatcher->addService(
+        address,
+        kestrin::http::makeServiceProvider<file_upload::v1::MultipartUploadServiceProvider>(
+            std::make_shared<NoFiles>(),
+            std::make_shared<file_upload::v1::MultipartUploadServiceImpl>()));
+    return dispatcher;
+}
+
+// A request head as Beast reads it off the wire.
+struct Head {
+    http::request_parser<http::empty_body> parser;
+
+    explicit Head(const std::string& raw) {
+        parser.eager(false);
+        beast::error_code ec;
+        parser.put(boost::asio::buffer(raw), ec);
+        EXPECT_TRUE(parser.is_header_done()) << raw << ": " << ec.message();
+    }
+};
+
+Verdict decide(const RequestGate& gate, const std::string& fields,
+               const std::string& start = "POST /users HTTP/1.1") {
+    Head head(start + "\r\nHost: 127.0.0.1:8080\r\n" + fields + "\r\n");
+    return gate.decide(head.parser.get(), head.parser.content_length());
+}
+
+std::string text(const Reply& reply) {
+    return std::string(reinterpret_cast<const char*>(reply.body.bytes()), reply.body.getSize());
+}
+
+std::optional<std::string> header(const Reply& reply, const std::string& name) {
+    for (const auto& [key, value] : reply.headers) {
+        if (key == name) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+TEST(RequestGate, anyTransferCodingButALoneChunkedIsRefusedBeforeAnythingElse) {
+    const RequestGate gate(GateSettings{}, uploadDispatcher(), nullptr, nullptr);
+    struct Case {
+        std::string fields;
+        unsigned status; // 0: goes to the service
+    };
+    const Case cases[] = {
+        {"Transfer-Encoding: chunked\r\n", 0},
+        {"Transfer-Encoding: CHUNKED \r\n", 0},
+        {"Transfer-Encoding: gzip\r\n", 501},
+        {"Transfer-Encoding: identity\r\n", 501},
+        {"Transfer-Encoding: chunked, identity\r\n", 501},
+        {"Transfer-Encoding: gzip, chunked\r\n", 501},
+        {"Transfer-Encoding: gzip\r\nTransfer-Encoding: chunked\r\n", 501},
+        {"Transfer-Encoding: ,\r\n", 501},
+        // Even where the route would be unknown: the connection cannot be read on.
+        {"Transfer-Encoding: gzip\r\nX-Route: none\r\n", 501},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fields);
+        const Verdict verdict = decide(gate, c.fields);
+        if (c.status == 0) {
+            EXPECT_EQ(verdict.kind, Kind::service);
+        } else {
+            EXPECT_EQ(verdict.kind, Kind::answer);
+            EXPECT_EQ(verdict.reply.status, c.status);
+        }
+    }
+    EXPECT_EQ(decide(gate, "Transfer-Encoding: gzip\r\n", "GET /nowhere HTTP/1.1").reply.status,
+              501u);
+}
+
+TEST(RequestGate, uploadsFromPagesOfOtherSitesAreRefusedUnlessTheirOriginIsListed) {
+    GateSettings settings;
+    settings.allowedOrigins = {"HTTPS://Embedder.example:443"};
+    const RequestGate gate(settings, uploadDispatcher(), nullptr, nullptr);
+    struct Case {
+        std::string fields; // the Host is 127.0.0.1:8080
+        bool allowed;
+    };
+    const Case cases[] = {
+        {"", true}, // curl and other clients that are no page
+        {"Origin: http://127.0.0.1:8080\r\nSec-Fetch-Site: same-origin\r\n", true},
+        {"Origin: HTTP://127.0.0.1:8080\r\n", true},
+        // A proxy in front serving us over https keeps the Host.
+        {"Origin: https://127.0.0.1:8080\r\n", true},
+        {"Origin: http://evil.example\r\nSec-Fetch-Site: cross-site\r\n", false},
+        {"Origin: http://evil.example\r\n", false},
+        {"Sec-Fetch-Site: cross-site\r\n", false},
+        {"Origin: http://127.0.0.1:8080\r\nSec-Fetch-Site: cross-site\r\n", false},
+        {"Origin: http://127.0.0.1:8081\r\nSec-Fetch-Site: same-site\r\n", false},
+        {"Origin: http://localhost:8080\r\n", false},
+        {"Origin: null\r\n", false},
+        {"Origin: http://127.0.0.1:8080/path\r\n", false},
+        {"Origin: https://embedder.example\r\nSec-Fetch-Site: cross-site\r\n", true},
+        {"Origin: http://embedder.example\r\n", false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fields);
+        const Verdict verdict = decide(gate, c.fields);
+        EXPECT_EQ(verdict.kind, c.allowed ? Kind::service : Kind::answer);
+        if (!c.allowed) {
+            EXPECT_EQ(verdict.reply.status, 403u);
+            EXPECT_EQ(text(verdict.reply),
+                      "Forbidden: uploads from pages of other sites are refused\n");
+        }
+    }
+    // Only uploads are guarded: another site may link to the page.
+    EXPECT_EQ(decide(gate, "Origin: http://evil.example\r\n", "GET / HTTP/1.1").reply.status, 200u);
+    // The port a browser leaves out is the scheme's.
+    Head defaultPort("POST /users HTTP/1.1\r\nHost: upload.example:80\r\n"
+                     "Origin: http://upload.example\r\n\r\n");
+    EXPECT_EQ(gate.decide(defaultPort.parser.get(), boost::none).kind, Kind::service);
+}
+
+TEST(RequestGate, everyRequestNeedsCredentialsWhenAuthenticationIsOn) {
+    BasicAuth auth(PasswordFile::parse("alice:" + hashPassword("s3cret: yes"), "test"));
+    const RequestGate gate(GateSettings{}, uploadDispatcher(), nullptr, &auth);
+    const auto basic = [](const std::string& credentials) {
+        std::string encoded(beast::detail::base64::encoded_size(credentials.size()), '\0');
+        encoded.resize(
+            beast::detail::base64::encode(encoded.data(), credentials.data(), credentials.size()));
+        return "Authorization: Basic " + encoded + "\r\n";
+    };
+    for (const std::string start : {"GET / HTTP/1.1", "POST /users HTTP/1.1", "GET /x HTTP/1.1"}) {
+        SCOPED_TRACE(start);
+        for (const std::string& fields : {std::string(), basic("alice:wrong"), basic("bob:x")}) {
+            const Verdict refused = decide(gate, fields, start);
+            EXPECT_EQ(refused.reply.status, 401u);
+            EXPECT_EQ(header(refused.reply, "WWW-Authenticate"), std::string(BasicAuth::challenge));
+        }
+        const Verdict granted = decide(gate, basic("alice:s3cret: yes"), start);
+        EXPECT_NE(granted.reply.status, 401u);
+        EXPECT_EQ(granted.user, "alice");
+    }
+}
+
+TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
+    const std::uint64_t length = 1000;
+    const std::uint64_t needed = RequestGate::chargeFor(length);
+    EXPECT_EQ(needed, 2 * length + RequestGate::requestOverhead);
+    MemoryBudget budget(needed + needed / 2);
+    const RequestGate gate(GateSettings{}, uploadDispatcher(), &budget, nullptr);
+    const std::string announced = "Content-Length: " + std::to_string(length) + "\r\n";
+
+    Verdict first = decide(gate, announced);
+    EXPECT_EQ(first.kind, Kind::service);
+    EXPECT_EQ(first.charge.bytes(), needed);
+    EXPECT_EQ(budget.used(), needed);
+
+    const Verdict second = decide(gate, announced);
+    EXPECT_EQ(second.reply.status, 503u);
+    EXPECT_EQ(header(second.reply, "Retry-After"), "5");
+    EXPECT_EQ(budget.used(), needed);
+
+    // A body that could never fit is told so, not to come back.
+    const Verdict never =
+        decide(gate, "Content-Length: " + std::to_string(budget.limit() / 2) + "\r\n");
+    EXPECT_EQ(never.reply.status, 413u);
+
+    first = Verdict();
+    EXPECT_EQ(budget.used(), 0u);
+    // Bodies without a length start with nothing and earn their memory as they grow; requests
+    // without a body, and the discard route, take none.
+    Verdict chunked = decide(gate, "Transfer-Encoding: chunked\r\n");
+    EXPECT_EQ(chunked.kind, Kind::service);
+    EXPECT_EQ(chunked.charge.bytes(), 0u);
+    EXPECT_EQ(decide(gate, "").charge.bytes(), 0u);
+    EXPECT_EQ(budget.used(), 0u);
+
+    common::DataBuffer body;
+    const std::string piece(300, 'x');
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(gate.appendToBody(body, piece, chunked.charge), RequestGate::Growth::appended);
+        EXPECT_EQ(chunked.charge.bytes(), RequestGate::chargeFor(body.getCapacity()));
+    }
+    // The next growth would pass the budget: nothing changes, and the session answers 413.
+    const std::string large(budget.limit() / 2, 'y');
+    const std::size_t size = body.getSize();
+    const std::uint64_t charged = chunked.charge.bytes();
+    EXPECT_EQ(gate.appendToBody(body, large, chunked.charge), RequestGate::Growth::overBudget);
+    EXPECT_EQ(body.getSize(), size);
+    EXPECT_EQ(chunked.charge.bytes(), charged);
+    EXPECT_EQ(budget.used(), charged);
+}
+
+TEST(RequestGate, routesTheRestAsBeforeAndReadsTheBoundary) {
+    GateSettings settings;
+    settings.discardRoute = "/sink";
+    const RequestGate gate(settings, uploadDispatcher(), nullptr, nullptr);
+    EXPECT_EQ(decide(gate, "", "GET / HTTP/1.1").reply.status, 200u);
+    EXPECT_EQ(decide(gate, "", "POST / HTTP/1.1").reply.status, 404u);
+    EXPECT_EQ(decide(gate, "", "POST /users/ HTTP/1.1").reply.status, 404u);
+    EXPECT_EQ(decide(gate, "", "GET /bad%zz HTTP/1.1").reply.status, 400u);
+    EXPECT_EQ(decide(gate, "", "PUT /sink HTTP/1.1").kind, Kind::discard);
+    const Verdict upload = decide(gate, "Content-Type: multipart/form-data; boundary=\"a b\"\r\n",
+                                  "POST /ORVANE%20Drive HTTP/1.1");
+    EXPECT_EQ(upload.kind, Kind::service);
+    EXPECT_EQ(upload.boundary, "a b");
+    EXPECT_EQ(decide(gate, "Content-Type: text/plain\r\n").boundary, std::nullopt);
+}
+
+TEST(RequestGate, readFailuresAreAnsweredWhileSomeoneListensAndTheirDeadlinesHold) {
+    GateSettings settings;
+    settings.headerTimeout = std::chrono::seconds(10);
+    settings.minBodyRate = 1000;
+    settings.idleTimeout = std::chrono::seconds(30);
+    const RequestGate gate(settings, uploadDispatcher(), nullptr, nullptr);
+    using Stage = RequestGate::Stage;
+    struct Case {
+        beast::error_code ec;
+        Stage stage;
+        unsigned status; // 0: nobody to answer
+    };
+    const Case cases[] = {
+        {http::error::header_limit, Stage::head, 431},
+        {http::error::buffer_overflow, Stage::head, 431},
+        {http::error::buffer_overflow, Stage::body, 413},
+        {http::error::body_limit, Stage::body, 413},
+        {http::error::bad_chunk, Stage::body, 400},
+        {http::error::bad_transfer_encoding, Stage::head, 400},
+        {http::error::bad_content_length, Stage::head, 400},
+        {http::error::bad_method, Stage::head, 400},
+        {boost::system::errc::make_error_code(boost::system::errc::not_enough_memory), Stage::body,
+         503},
+        {http::error::partial_message, Stage::body, 0},
+        {http::error::end_of_stream, Stage::head, 0},
+        {boost::asio::error::connection_reset, Stage::body, 0},
+        {boost::asio::error::eof, Stage::head, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.ec.message());
+        const std::optional<Reply> reply = gate.onReadError(c.ec, c.stage);
+        ASSERT_EQ(reply.has_value(), c.status != 0);
+        if (reply) {
+            EXPECT_EQ(reply->status, c.status);
+        }
+    }
+    EXPECT_EQ(gate.timedOut(Stage::head).status, 408u);
+    EXPECT_EQ(gate.timedOut(Stage::body).status, 408u);
+    EXPECT_EQ(gate.bodyOverBudget().status, 413u);
+
+    const Clock::time_point start{};
+    using std::chrono::milliseconds;
+    using std::chrono::seconds;
+    EXPECT_EQ(gate.headDeadline(start), start + seconds(10));
+    // A body earns a second for every 1000 bytes after the head's allowance...
+    EXPECT_EQ(gate.bodyDeadline(start, 0, start), start + seconds(10));
+    EXPECT_EQ(gate.bodyDeadline(start, 2500, start + seconds(1)), start + milliseconds(12500));
+    // ...but may never pause for longer than the idle timeout, whatever it earned.
+    EXPECT_EQ(gate.bodyDeadline(start, 1'000'000, start + seconds(5)), start + seconds(35));
+    EXPECT_EQ(gate.bodyDeadline(start, UINT64_MAX, start), start + seconds(30));
+}
+
+TEST(RequestGate, originsAreComparedInOneSpelling) {
+    struct Case {
+        std::string text;
+        std::optional<std::string> origin;
+    };
+    const Case cases[] = {
+        {"http://Example.COM", "http://example.com"},
+        {"http://example.com:80", "http://example.com"},
+        {"https://example.com:443", "https://example.com"},
+        {"https://example.com:80", "https://example.com:80"},
+        {"http://[::1]:8080", "http://[::1]:8080"},
+        {"null", std::nullopt},
+        {"example.com", std::nullopt},
+        {"http://", std::nullopt},
+        {"http://user@example.com", std::nullopt},
+        {"http://example.com/", std::nullopt},
+        {"ht tp://example.com", std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(normalizeOrigin(c.text), c.origin);
+    }
+}
+
+} // namespace
+} // namespace kestrin::host
