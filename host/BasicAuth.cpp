@@ -168,7 +168,9 @@ std::chrono::nanoseconds threadCpuTime(const std::function<void()>& check) {
 
 BasicAuth::Options withDefaults(BasicAuth::Options options) {
     if (options.budget <= std::chrono::nanoseconds::zero() ||
-        options.refillPerSecond <= std::chrono::nanoseconds::zero()) {
+        options.refillPerSecond <= std::chrono::nanoseconds::zero() ||
+        options.clientBudget <= std::chrono::nanoseconds::zero() ||
+        options.clientRefillPerSecond <= std::chrono::nanoseconds::zero()) {
         throw std::invalid_argument("the password check budget and its refill must be positive");
     }
     if (!options.now) {
@@ -280,33 +282,55 @@ BasicAuth::BasicAuth(PasswordFile passwordFile)
 BasicAuth::BasicAuth(PasswordFile passwordFile, Options limits)
     : users(std::move(passwordFile))
     , options(withDefaults(std::move(limits)))
-    , credit(options.budget)
-    , refilledAt(options.now()) {}
+    , shared{options.budget, options.now()} {}
 
-BasicAuth::Result BasicAuth::check(std::string_view authorization) {
+BasicAuth::Result BasicAuth::check(std::string_view authorization, std::string_view client) {
     std::optional<Credentials> credentials = parseBasic(authorization);
     if (!credentials) {
         return {Outcome::missing, {}, {}};
     }
     const std::string header(authorization);
+    const std::string address(client);
     {
         const std::lock_guard<std::mutex> lock(mutex);
         const auto known = granted.find(header);
         if (known != granted.end()) {
             return {Outcome::granted, known->second, {}};
         }
-        if (refill() <= Credit::zero()) {
-            const double rate = Credit(options.refillPerSecond).count();
-            const auto wait = std::ceil(-credit.count() / rate);
+        const auto now = options.now();
+        // Whole seconds until the emptier of the two buckets is in credit again.
+        double wait = 0;
+        const Credit left = refill(shared, options.budget, options.refillPerSecond, now);
+        if (left <= Credit::zero()) {
+            wait = -left.count() / Credit(options.refillPerSecond).count();
+        }
+        if (!address.empty()) {
+            Bucket& own = clientBucket(address, now);
+            const Credit ownLeft =
+                refill(own, options.clientBudget, options.clientRefillPerSecond, now);
+            if (ownLeft <= Credit::zero()) {
+                wait = std::max(wait,
+                                -ownLeft.count() / Credit(options.clientRefillPerSecond).count());
+            }
+            if (left <= Credit::zero() || ownLeft <= Credit::zero()) {
+                return {Outcome::throttled, std::move(credentials->user),
+                        std::chrono::seconds(std::max<long long>(
+                            1, static_cast<long long>(std::ceil(wait - 1e-9))))};
+            }
+        } else if (left <= Credit::zero()) {
             return {Outcome::throttled, std::move(credentials->user),
-                    std::chrono::seconds(std::max<long long>(1, static_cast<long long>(wait)))};
+                    std::chrono::seconds(
+                        std::max<long long>(1, static_cast<long long>(std::ceil(wait - 1e-9))))};
         }
     }
     bool matches = false;
     const std::chrono::nanoseconds cost =
         options.measure([&] { matches = users.verify(credentials->user, credentials->password); });
     const std::lock_guard<std::mutex> lock(mutex);
-    credit -= cost;
+    shared.credit -= cost;
+    if (!address.empty()) {
+        clientBucket(address, options.now()).credit -= cost;
+    }
     if (!matches) {
         return {Outcome::denied, std::move(credentials->user), {}};
     }
@@ -320,14 +344,36 @@ BasicAuth::Result BasicAuth::check(std::string_view authorization) {
     return {Outcome::granted, std::move(credentials->user), {}};
 }
 
-BasicAuth::Credit BasicAuth::refill() {
-    const auto now = options.now();
-    if (now > refilledAt) {
-        const double rate = Credit(options.refillPerSecond).count();
-        credit = std::min<Credit>(options.budget, credit + Credit(now - refilledAt) * rate);
-        refilledAt = now;
+BasicAuth::Credit BasicAuth::refill(Bucket& bucket, std::chrono::nanoseconds budget,
+                                    std::chrono::nanoseconds perSecond,
+                                    std::chrono::steady_clock::time_point now) {
+    if (now > bucket.refilledAt) {
+        const double rate = Credit(perSecond).count();
+        bucket.credit =
+            std::min<Credit>(budget, bucket.credit + Credit(now - bucket.refilledAt) * rate);
+        bucket.refilledAt = now;
     }
-    return credit;
+    return bucket.credit;
+}
+
+BasicAuth::Bucket& BasicAuth::clientBucket(const std::string& client,
+                                           std::chrono::steady_clock::time_point now) {
+    const auto found = clients.find(client);
+    if (found != clients.end()) {
+        return found->second;
+    }
+    if (clients.size() >= options.clientEntries) {
+        // A client back at its full credit loses nothing by being forgotten.
+        for (auto it = clients.begin(); it != clients.end();) {
+            const Credit left =
+                refill(it->second, options.clientBudget, options.clientRefillPerSecond, now);
+            it = left >= Credit(options.clientBudget) ? clients.erase(it) : std::next(it);
+        }
+        if (clients.size() >= options.clientEntries) {
+            clients.clear();
+        }
+    }
+    return clients.emplace(client, Bucket{options.clientBudget, now}).first->second;
 }
 
 } // namespace kestrin::host

@@ -69,6 +69,13 @@ public:
         std::chrono::nanoseconds budget = std::chrono::seconds(1);
         // ...and earn it back at this much per second, up to budget.
         std::chrono::nanoseconds refillPerSecond = std::chrono::milliseconds(250);
+        // One client address may use this much of it at once, and earns it back at this much
+        // per second: a client guessing passwords runs out of credit long before the others.
+        std::chrono::nanoseconds clientBudget = std::chrono::milliseconds(250);
+        std::chrono::nanoseconds clientRefillPerSecond = std::chrono::milliseconds(50);
+        // Client addresses whose credit is remembered; when full, those back at their full
+        // credit are forgotten, and if none is, all.
+        std::size_t clientEntries = 4096;
         // Granted headers remembered; when full, all are forgotten.
         std::size_t cacheEntries = 1024;
         // The clock the budget refills by; empty means std::chrono::steady_clock::now.
@@ -87,15 +94,25 @@ public:
     // authorization: the raw header value ("" when absent). "missing" when absent, longer than
     // headerLimit, or not "Basic <base64 of user:password>" (scheme matched without regard to
     // case, base64 padded and strict, the first ':' separates user and password, so a password
-    // may contain ':'); "denied" on wrong credentials; "throttled" when the budget is spent. A
-    // header granted before is granted again without crypt and without touching the budget.
-    Result check(std::string_view authorization);
+    // may contain ':'); "denied" on wrong credentials; "throttled" when the budget, or client's
+    // share of it, is spent. A header granted before is granted again without crypt and without
+    // touching the budget. client names the address the request came from; empty: unknown,
+    // charged to the whole budget only.
+    Result check(std::string_view authorization, std::string_view client = {});
 
 private:
     using Credit = std::chrono::duration<double>;
+    struct Bucket {
+        Credit credit;
+        std::chrono::steady_clock::time_point refilledAt;
+    };
 
-    // The credit after refilling up to now; called with the lock held.
-    Credit refill();
+    // The bucket's credit after refilling it up to now; called with the lock held.
+    static Credit refill(Bucket& bucket, std::chrono::nanoseconds budget,
+                         std::chrono::nanoseconds perSecond,
+                         std::chrono::steady_clock::time_point now);
+    // The bucket of client, made full if new; called with the lock held.
+    Bucket& clientBucket(const std::string& client, std::chrono::steady_clock::time_point now);
 
     const PasswordFile users;
     const Options options;
@@ -105,8 +122,8 @@ private:
     // so its time tells a guess nothing about the headers kept here.
     std::unordered_map<std::string, std::string> granted;
     // May go below zero: checks already running when the credit ran out are charged in full.
-    Credit credit;
-    std::chrono::steady_clock::time_point refilledAt;
+    Bucket shared;
+    std::unordered_map<std::string, Bucket> clients;
 };
 
 } // namespace kestrin::host

@@ -208,5 +208,29 @@ TEST(BasicAuth, throttlesChecksOnceTheBudgetIsSpentUntilTimeRefillsIt) {
     EXPECT_EQ(meter.checkCount(), 6);
 }
 
+// A client guessing passwords spends its own share and is throttled while another client,
+// whose login was never seen, is still checked; the whole budget still bounds them all.
+TEST(BasicAuth, aGuessingClientRunsOutOfItsShareBeforeOthersDo) {
+    FakeMeter meter;
+    BasicAuth::Options options = meter.options(1s);
+    options.clientBudget = 500ms;
+    options.clientRefillPerSecond = 250ms;
+    BasicAuth auth(PasswordFile::parse("alice:" + cheapHash("pw"), "users"), options);
+    const std::string right = basicHeader("alice:pw"), wrong = basicHeader("alice:guess");
+    meter.setCost(250ms);
+    EXPECT_EQ(auth.check(wrong, "10.0.0.9").outcome, Outcome::denied);
+    EXPECT_EQ(auth.check(wrong, "10.0.0.9").outcome, Outcome::denied);
+    const BasicAuth::Result throttled = auth.check(wrong, "10.0.0.9");
+    EXPECT_EQ(throttled.outcome, Outcome::throttled);
+    EXPECT_EQ(throttled.retryAfter, 1s);
+    EXPECT_EQ(auth.check(right, "10.0.0.1").outcome, Outcome::granted);
+    // Another guesser spends what is left of the whole budget, which then holds everyone.
+    EXPECT_EQ(auth.check(wrong, "10.0.0.2").outcome, Outcome::denied);
+    EXPECT_EQ(auth.check(wrong, "10.0.0.3").outcome, Outcome::throttled);
+    meter.advance(2s);
+    EXPECT_EQ(auth.check(wrong, "10.0.0.9").outcome, Outcome::denied);
+    EXPECT_EQ(meter.checkCount(), 5);
+}
+
 } // namespace
 } // namespace kestrin::host
