@@ -44,6 +44,18 @@ ConnectionTable::Admission ConnectionTable::admit(const std::string& client,
     return admission;
 }
 
+std::optional<std::pair<ConnectionTable::Id, ConnectionTable::Phase>>
+ConnectionTable::evictOne(Clock::time_point now) {
+    std::lock_guard<std::mutex> guard(mutex);
+    const std::optional<Id> victim = chooseVictim(nullptr, now);
+    if (!victim) {
+        return std::nullopt;
+    }
+    const Phase phase = entries.at(*victim).phase;
+    evictLocked(*victim);
+    return std::make_pair(*victim, phase);
+}
+
 void ConnectionTable::enter(Id id, Phase phase, Clock::time_point now) {
     std::lock_guard<std::mutex> guard(mutex);
     const auto entry = entries.find(id);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace kestrin::host {
 
@@ -35,7 +36,9 @@ public:
         std::size_t maxConnections;
         std::size_t maxPerClient;
         std::uint64_t minBodyRate; // bytes per second
-        Clock::duration evictableAfter = std::chrono::seconds(1);
+        // A real client sends its head within a round trip of connecting; half a second is
+        // many round trips.
+        Clock::duration evictableAfter = std::chrono::milliseconds(500);
     };
 
     struct Admission {
@@ -60,6 +63,10 @@ public:
     [[nodiscard]] bool hasRoom(Clock::time_point now) const;
     // Takes a slot for a new connection from client, or says why there is none.
     [[nodiscard]] Admission admit(const std::string& client, Clock::time_point now);
+    // Takes the slot of the connection most worth closing, if there is one, without giving it
+    // to anyone: the system is out of descriptors, whatever the limit says. The caller closes
+    // the returned connection.
+    [[nodiscard]] std::optional<std::pair<Id, Phase>> evictOne(Clock::time_point now);
 
     // A connection changed phase; its clock for that phase starts now.
     void enter(Id id, Phase phase, Clock::time_point now);

@@ -97,6 +97,19 @@ TEST(ConnectionTable, aClientOverItsLimitMakesRoomFromItsOwnConnectionsOnly) {
     admitted(table, "a", later);
 }
 
+TEST(ConnectionTable, runningOutOfDescriptorsTakesASlotWorthTakingEvenBelowTheLimit) {
+    ConnectionTable table(limits(100, 100));
+    const auto serving = admitted(table, "a", start);
+    table.enter(serving, Phase::busy, start);
+    const auto idle = admitted(table, "b", start);
+    EXPECT_EQ(table.evictOne(start), std::nullopt); // nobody has had their grace yet
+    const auto taken = table.evictOne(start + seconds(2));
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(taken->first, idle);
+    EXPECT_EQ(table.size(), 1u);
+    EXPECT_EQ(table.evictOne(start + seconds(2)), std::nullopt);
+}
+
 TEST(ConnectionTable, aWaitForRoomEndsWithTheFirstFreedSlotOrAtOnce) {
     ConnectionTable table(limits(1, 1));
     int calls = 0;
