@@ -96,7 +96,7 @@ Reply RequestDispatcher::callService(http::HttpServiceProvider& provider, const 
                                  std::to_string(response->getStatus()));
         }
         return Reply{
-            response->getStatus(), std::string(htmlType), response->takeBodyBytes(), {}, {}};
+            response->getStatus(), std::string(htmlType), response->takeBodyBytes(), {}, {}, false};
     } catch (const std::exception& error) {
         return plainText(500, internalErrorText, error.what());
     } catch (...) {
@@ -108,13 +108,13 @@ Reply RequestDispatcher::plainText(unsigned status, std::string_view text, std::
     common::DataBuffer body;
     body.append(reinterpret_cast<const uint8_t*>(text.data()), text.size());
     body.pushBack('\n');
-    return Reply{status, std::string(textType), std::move(body), std::move(detail), {}};
+    return Reply{status, std::string(textType), std::move(body), std::move(detail), {}, false};
 }
 
 Reply RequestDispatcher::demoPageReply() {
     common::DataBuffer body;
     body.append(reinterpret_cast<const uint8_t*>(demoPage.data()), demoPage.size());
-    return Reply{200, std::string(htmlType), std::move(body), {}, {}};
+    return Reply{200, std::string(htmlType), std::move(body), {}, {}, false};
 }
 
 } // namespace kestrin::host

@@ -16,13 +16,15 @@
 namespace kestrin::host {
 
 // What goes back to the client: status, Content-Type, further header fields and the body
-// bytes. detail says, for the log only, why a host error was sent.
+// bytes. detail says, for the log only, why a host error was sent; close, that the connection
+// ends after this answer whatever the request asked.
 struct Reply {
     unsigned status = 500;
     std::string contentType;
     common::DataBuffer body;
     std::string detail;
     std::vector<std::pair<std::string, std::string>> headers;
+    bool close = false;
 };
 
 // Plays the framework between the HTTP side and the services: decides from a request's

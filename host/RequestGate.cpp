@@ -54,6 +54,12 @@ Reply refuse(unsigned status, std::string text, std::string reason) {
     return RequestDispatcher::plainText(status, text, std::move(reason));
 }
 
+Reply refuseAndClose(unsigned status, std::string text, std::string reason) {
+    Reply reply = refuse(status, std::move(text), std::move(reason));
+    reply.close = true;
+    return reply;
+}
+
 } // namespace
 
 std::optional<std::string> normalizeOrigin(std::string_view text) {
@@ -84,7 +90,8 @@ RequestGate::RequestGate(GateSettings gateSettings,
     }
 }
 
-Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> contentLength) const {
+Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> contentLength,
+                            std::string_view client) const {
     Verdict verdict;
     // A coding we do not decode leaves the body's end unknown: reading on would take the body
     // for the next request.
@@ -100,12 +107,14 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
             std::string listed = toString(head[http::field::transfer_encoding]);
             verdict.reply = refuse(501, "Not Implemented: transfer coding " + echo(listed),
                                    "transfer coding " + echo(listed));
+            verdict.reply.close = true;
             return verdict;
         }
     }
     if (auth != nullptr) {
-        const BasicAuth::Result result = auth->check(std::string_view(
-            head[http::field::authorization].data(), head[http::field::authorization].size()));
+        const auto authorization = head[http::field::authorization];
+        const BasicAuth::Result result =
+            auth->check(std::string_view(authorization.data(), authorization.size()), client);
         switch (result.outcome) {
         case BasicAuth::Outcome::granted:
             verdict.user = result.user;
@@ -118,12 +127,17 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
                                        : "wrong credentials for " + echo(result.user));
             verdict.reply.headers.emplace_back("WWW-Authenticate",
                                                std::string(BasicAuth::challenge));
+            // A browser's first request comes without credentials: no reason to wait.
+            if (result.outcome == BasicAuth::Outcome::denied) {
+                verdict.delay = refusalDelay;
+            }
             return verdict;
         case BasicAuth::Outcome::throttled:
             verdict.reply = refuse(503, "Service Unavailable: too many login attempts; retry",
                                    "password checks over their budget");
             verdict.reply.headers.emplace_back(
                 "Retry-After", std::to_string(std::max<long long>(1, result.retryAfter.count())));
+            verdict.delay = refusalDelay;
             return verdict;
         }
     }
@@ -240,14 +254,15 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
                                               Stage stage) const {
     if (ec == http::error::header_limit ||
         (stage == Stage::head && ec == http::error::buffer_overflow)) {
-        return refuse(431, "Request Header Fields Too Large", "");
+        return refuseAndClose(431, "Request Header Fields Too Large", "");
     }
     if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
-        return refuse(413, "Payload Too Large", "");
+        return refuseAndClose(413, "Payload Too Large", "");
     }
     if (ec == boost::system::errc::not_enough_memory) {
-        Reply reply = refuse(503, "Service Unavailable: not enough memory for this request body",
-                             "allocation failed");
+        Reply reply =
+            refuseAndClose(503, "Service Unavailable: not enough memory for this request body",
+                           "allocation failed");
         reply.headers.emplace_back("Retry-After", "5");
         return reply;
     }
@@ -256,28 +271,29 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
     if (ec.category() == http::make_error_code(http::error::bad_target).category() &&
         ec != http::error::partial_message && ec != http::error::end_of_stream &&
         ec != http::error::need_more && ec != http::error::need_buffer) {
-        return refuse(400, "Bad Request: " + ec.message(), ec.message());
+        return refuseAndClose(400, "Bad Request: " + ec.message(), ec.message());
     }
     return std::nullopt;
 }
 
 Reply RequestGate::timedOut(Stage stage) const {
     if (stage == Stage::head) {
-        return refuse(408,
-                      "Request Timeout: the request head did not arrive within " +
-                          std::to_string(settings.headerTimeout.count()) + " s",
-                      "head not complete in time");
+        return refuseAndClose(408,
+                              "Request Timeout: the request head did not arrive within " +
+                                  std::to_string(settings.headerTimeout.count()) + " s",
+                              "head not complete in time");
     }
-    return refuse(408,
-                  "Request Timeout: the body paused for " +
-                      std::to_string(settings.idleTimeout.count()) + " s or arrived slower than " +
-                      std::to_string(settings.minBodyRate) + " bytes a second",
-                  "body stalled or below the minimum rate");
+    return refuseAndClose(
+        408,
+        "Request Timeout: the body paused for " + std::to_string(settings.idleTimeout.count()) +
+            " s or arrived slower than " + std::to_string(settings.minBodyRate) + " bytes a second",
+        "body stalled or below the minimum rate");
 }
 
 Reply RequestGate::bodyOverBudget() const {
-    return refuse(413, "Payload Too Large: the body no longer fits in the memory of this server",
-                  "body without a length grew past the memory budget");
+    return refuseAndClose(413,
+                          "Payload Too Large: the body no longer fits in the memory of this server",
+                          "body without a length grew past the memory budget");
 }
 
 RequestGate::Growth RequestGate::appendToBody(common::DataBuffer& body, std::string_view piece,

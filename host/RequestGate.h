@@ -51,6 +51,9 @@ struct Verdict {
     MemoryBudget::Reservation charge;
     // The authenticated user, when authentication is on.
     std::string user;
+    // How long to hold an answer back: a client guessing passwords waits for each answer, so
+    // each of its connections guesses at most once a second.
+    std::chrono::milliseconds delay{0};
 };
 
 // Decides, from a request's head alone, whether and how the server serves it: framing,
@@ -73,9 +76,13 @@ public:
     RequestGate(GateSettings settings, std::shared_ptr<const RequestDispatcher> dispatcher,
                 MemoryBudget* budget, BasicAuth* auth);
 
-    // contentLength is the parser's reading of the head's framing fields.
-    [[nodiscard]] Verdict decide(const Head& head,
-                                 boost::optional<std::uint64_t> contentLength) const;
+    // Wrong or throttled credentials are answered this late.
+    static constexpr std::chrono::milliseconds refusalDelay{1000};
+
+    // contentLength is the parser's reading of the head's framing fields; client the address
+    // the request came from.
+    [[nodiscard]] Verdict decide(const Head& head, boost::optional<std::uint64_t> contentLength,
+                                 std::string_view client = {}) const;
 
     // What a body of this capacity costs the budget: itself, the copy the module makes of its
     // part (at most the body), and the request's overhead.

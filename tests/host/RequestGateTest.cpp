@@ -102,6 +102,8 @@ TEST(RequestGate, anyTransferCodingButALoneChunkedIsRefusedBeforeAnythingElse) {
         } else {
             EXPECT_EQ(verdict.kind, Kind::answer);
             EXPECT_EQ(verdict.reply.status, c.status);
+            // What follows the head cannot be framed: it must never be read as a request.
+            EXPECT_TRUE(verdict.reply.close);
         }
     }
     EXPECT_EQ(decide(gate, "Transfer-Encoding: gzip\r\n", "GET /nowhere HTTP/1.1").reply.status,
@@ -166,6 +168,10 @@ TEST(RequestGate, everyRequestNeedsCredentialsWhenAuthenticationIsOn) {
             const Verdict refused = decide(gate, fields, start);
             EXPECT_EQ(refused.reply.status, 401u);
             EXPECT_EQ(header(refused.reply, "WWW-Authenticate"), std::string(BasicAuth::challenge));
+            // A guess waits for its answer; a browser's first request, without credentials,
+            // does not.
+            EXPECT_EQ(refused.delay, fields.empty() ? std::chrono::milliseconds(0)
+                                                    : RequestGate::refusalDelay);
         }
         const Verdict granted = decide(gate, basic("alice:s3cret: yes"), start);
         EXPECT_NE(granted.reply.status, 401u);
@@ -272,11 +278,16 @@ TEST(RequestGate, readFailuresAreAnsweredWhileSomeoneListensAndTheirDeadlinesHol
         ASSERT_EQ(reply.has_value(), c.status != 0);
         if (reply) {
             EXPECT_EQ(reply->status, c.status);
+            EXPECT_TRUE(reply->close);
         }
     }
-    EXPECT_EQ(gate.timedOut(Stage::head).status, 408u);
-    EXPECT_EQ(gate.timedOut(Stage::body).status, 408u);
-    EXPECT_EQ(gate.bodyOverBudget().status, 413u);
+    const std::pair<Reply, unsigned> late[] = {{gate.timedOut(Stage::head), 408},
+                                                {gate.timedOut(Stage::body), 408},
+                                                {gate.bodyOverBudget(), 413}};
+    for (const auto& [reply, status] : late) {
+        EXPECT_EQ(reply.status, status);
+        EXPECT_TRUE(reply.close);
+    }
 
     const Clock::time_point start{};
     using std::chrono::milliseconds;
