@@ -1,16 +1,19 @@
 // Raw client bytes through the server's request handling, in process: Beast's reads into a
-// request parser with the server's DataBuffer body type and limits, then the server's
-// decisions (status for parser errors, path decoding, routing, boundary parameter, the
-// service call through the dispatcher into the real upload module). Every reply must
-// serialize into a well-formed response that says what the server meant to send, a service
-// call must never end in 500, and keep-alive requests are read one after another from the
-// same bytes, as a connection does.
+// request parser with the server's DataBuffer body type and limits, the request gate's verdicts
+// (framing, routing, origin, memory budget, read failures), the part header check while a body
+// arrives, then the service call through the dispatcher into the real upload module. Every
+// reply must serialize into a well-formed response that says what the server meant to send, a
+// service call must never end in 500, a body the part check let through must never make the
+// module parse a header block over the check's limit, and keep-alive requests are read one
+// after another from the same bytes, as a connection does.
 //
-// The connection steps mirror the session in host/Server.cpp; keep the two in step.
+// The decisions are the gate's and the check's own code; only the order of reads mirrors the
+// session in host/Server.cpp.
 //
 // Input layout: byte 0 picks how many bytes each read returns (1 to 256, so requests arrive
-// split at every offset), byte 1 the body limit (0: the server's 1 GiB default, otherwise
-// that many times 64 bytes), then the bytes the client sends.
+// split at every offset); byte 1's low seven bits the body limit (0: the server's 1 GiB default,
+// otherwise that many times 64 bytes) and its high bit a memory budget that admits bodies of a
+// few KiB; then the bytes the client sends.
 #include "common/DataBuffer.h"
 #include "common/Future.h"
 #include "file_upload/MultipartUploadRouteProvider.h"
@@ -19,8 +22,10 @@
 #include "framework/FileService.h"
 #include "framework/HttpServiceProvider.h"
 #include "host/DataBufferBody.h"
-#include "host/HttpRules.h"
+#include "host/MemoryBudget.h"
+#include "host/PartHeaderCheck.h"
 #include "host/RequestDispatcher.h"
+#include "host/RequestGate.h"
 #include "host/RouteTable.h"
 
 #include <boost/asio/buffer.hpp>
@@ -40,6 +45,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -47,12 +53,17 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 namespace net = boost::asio;
 using kestrin::common::DataBuffer;
+using kestrin::file_upload::v1::MultipartUploadService;
 using kestrin::host::Reply;
 using kestrin::host::RequestDispatcher;
+using kestrin::host::RequestGate;
+using kestrin::host::Verdict;
 
 // The server's settings that shape what is read.
 constexpr std::uint32_t headerLimit = 16 * 1024;
 constexpr std::uint64_t defaultMaxBody = std::uint64_t{1} << 30;
+// Admits one body of a few KiB besides the request's overhead.
+constexpr std::uint64_t smallBudget = RequestGate::requestOverhead + 8 * 1024;
 constexpr const char* serverName = "kestrin-upload-server";
 
 // Stores nothing and resolves at once, on the calling thread: the module's answer does not
@@ -101,13 +112,44 @@ private:
     size_t chunk;
 };
 
-// The objects the server builds at start, built the same way.
+// The module's scans, with the longest header block the module parsed written down.
+class RecordingScanner final : public MultipartUploadService {
+public:
+    void parseHeaders(DataBuffer& body, std::map<std::string, std::string>& headers, size_t offset,
+                      size_t length) override {
+        longestBlock = std::max(longestBlock, length);
+        inner.parseHeaders(body, headers, offset, length);
+    }
+    void writeFileToDisk(std::shared_ptr<kestrin::file::v1::FileService> files, DataBuffer& data,
+                         std::u16string path) override {
+        inner.writeFileToDisk(std::move(files), data, std::move(path));
+    }
+    std::tuple<size_t, size_t, bool> findBoundaryMarkerIndex(size_t start, DataBuffer& body,
+                                                             DataBuffer marker) override {
+        return inner.findBoundaryMarkerIndex(start, body, std::move(marker));
+    }
+    std::tuple<size_t, bool> findHeaderFieldsIndex(size_t start, DataBuffer& body,
+                                                   DataBuffer terminator) override {
+        return inner.findHeaderFieldsIndex(start, body, std::move(terminator));
+    }
+    void extractDataFromRequest(size_t start, size_t end, DataBuffer& request,
+                                DataBuffer& data) override {
+        inner.extractDataFromRequest(start, end, request, data);
+    }
+    std::shared_ptr<MultipartUploadService> getPtr() override { return nullptr; }
+
+    size_t longestBlock = 0;
+
+private:
+    kestrin::file_upload::v1::MultipartUploadServiceImpl inner;
+};
+
+// The objects the server builds at start, built the same way, the scans recorded.
 struct Services {
     Services() {
         auto provider = kestrin::http::makeServiceProvider<
             kestrin::file_upload::v1::MultipartUploadServiceProvider>(
-            std::make_shared<DiscardingFileService>(),
-            std::make_shared<kestrin::file_upload::v1::MultipartUploadServiceImpl>());
+            std::make_shared<DiscardingFileService>(), scanner);
         provider->running = true;
         const kestrin::Address address("kestrin.file_upload.v1.MultipartUploadServiceProvider");
         auto routeTable = std::make_shared<kestrin::host::RouteTable>();
@@ -118,6 +160,7 @@ struct Services {
         dispatcher = std::move(router);
     }
 
+    std::shared_ptr<RecordingScanner> scanner = std::make_shared<RecordingScanner>();
     std::unique_ptr<kestrin::file_upload::v1::MultipartUploadRouteProvider> routes;
     std::shared_ptr<const RequestDispatcher> dispatcher;
 };
@@ -172,9 +215,11 @@ bool sendReply(Reply&& reply, unsigned version, bool keepAlive, bool requestRead
     switch (reply.status) {
     case 200:
     case 400:
+    case 403:
     case 404:
     case 413:
     case 431:
+    case 501:
     case 503:
         break;
     default:
@@ -187,6 +232,9 @@ bool sendReply(Reply&& reply, unsigned version, bool keepAlive, bool requestRead
     response.result(reply.status);
     response.set(http::field::server, serverName);
     response.set(http::field::content_type, reply.contentType);
+    for (const auto& [name, value] : reply.headers) {
+        response.set(name, value);
+    }
     response.body() = std::move(reply.body);
     response.keep_alive(!close);
     response.prepare_payload();
@@ -197,88 +245,93 @@ bool sendReply(Reply&& reply, unsigned version, bool keepAlive, bool requestRead
 // One request from the connection, as the session reads and answers it. Returns whether the
 // connection goes on to the next request.
 bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t maxBody,
-              const RequestDispatcher& dispatcher) {
+              const RequestGate& gate, RecordingScanner& scanner) {
+    using Stage = RequestGate::Stage;
+    Verdict verdict;
+    bool overBudget = false;
     http::request_parser<kestrin::host::DataBufferBody> parser;
+    std::function<std::size_t(std::uint64_t, beast::string_view, beast::error_code&)> chunkBody =
+        [&](std::uint64_t, beast::string_view piece, beast::error_code& ec) -> std::size_t {
+        switch (gate.appendToBody(parser.get().body(), std::string_view(piece.data(), piece.size()),
+                                  verdict.charge)) {
+        case RequestGate::Growth::appended:
+            return piece.size();
+        case RequestGate::Growth::overBudget:
+            overBudget = true;
+            ec = http::error::body_limit;
+            return 0;
+        case RequestGate::Growth::outOfMemory:
+            break;
+        }
+        ec = boost::system::errc::make_error_code(boost::system::errc::not_enough_memory);
+        return 0;
+    };
     parser.header_limit(headerLimit);
     parser.body_limit(maxBody);
+    parser.on_chunk_body(chunkBody);
     beast::error_code ec;
     http::read_header(client, buffer, parser, ec);
     if (ec == http::error::end_of_stream) {
         return false;
     }
     const auto& request = parser.get();
-    const std::string target(request.target());
     const unsigned version = request.version() ? request.version() : 11;
-
-    if (ec == http::error::header_limit) {
-        return sendReply(RequestDispatcher::plainText(431, "Request Header Fields Too Large"),
-                         version, false, false);
-    }
-    if (ec == http::error::body_limit) {
-        return sendReply(RequestDispatcher::plainText(413, "Payload Too Large"), version, false,
-                         false);
-    }
     if (ec) {
-        if (ec.category() == http::make_error_code(http::error::bad_target).category() &&
-            ec != http::error::partial_message) {
-            return sendReply(RequestDispatcher::plainText(400, "Bad Request", ec.message()),
-                             version, false, false);
+        if (std::optional<Reply> reply = gate.onReadError(ec, Stage::head)) {
+            sendReply(std::move(*reply), version, false, false);
         }
         return false;
     }
     bool keepAlive = request.keep_alive();
-    const bool headerOnly = parser.is_done();
-
-    const std::optional<std::string> path = kestrin::host::decodeTargetPath(target);
-    if (!path) {
-        return sendReply(RequestDispatcher::plainText(
-                             400, "Bad Request: malformed percent-escape in the request target"),
-                         version, keepAlive, headerOnly);
-    }
-    const RequestDispatcher::Destination destination =
-        dispatcher.route(std::string(request.method_string()), *path);
-    switch (destination.kind) {
-    case RequestDispatcher::Destination::Kind::demoPage:
-        return sendReply(RequestDispatcher::demoPageReply(), version, keepAlive, headerOnly);
-    case RequestDispatcher::Destination::Kind::notFound:
-        return sendReply(RequestDispatcher::plainText(404, "Not Found"), version, keepAlive,
-                         headerOnly);
-    case RequestDispatcher::Destination::Kind::service:
+    const bool expectsContinue = beast::iequals(request[http::field::expect], "100-continue");
+    verdict = gate.decide(request, parser.content_length());
+    switch (verdict.kind) {
+    case Verdict::Kind::answer:
+        return sendReply(std::move(verdict.reply), version, keepAlive, parser.is_done());
+    case Verdict::Kind::discard:
+        fail("a discard verdict without a discard route", "");
+    case Verdict::Kind::service:
         break;
     }
-    if (beast::iequals(request[http::field::expect], "100-continue")) {
+    std::optional<kestrin::host::PartHeaderCheck> partCheck;
+    if (verdict.boundary) {
+        partCheck.emplace(scanner, *verdict.boundary);
+    }
+    if (expectsContinue) {
         http::response<http::empty_body> interim(http::status::continue_, version);
         expectWellFormed(serialize(interim), 100, version, "", "", true);
     }
     while (!parser.is_done()) {
         http::read_some(client, buffer, parser, ec);
-        if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
-            return sendReply(RequestDispatcher::plainText(413, "Payload Too Large"), version,
-                             keepAlive, false);
-        }
-        if (ec == boost::system::errc::not_enough_memory) {
-            return sendReply(RequestDispatcher::plainText(503, "Service Unavailable"), version,
-                             keepAlive, false);
+        if (overBudget) {
+            return sendReply(gate.bodyOverBudget(), version, keepAlive, false);
         }
         if (ec) {
+            if (std::optional<Reply> reply = gate.onReadError(ec, Stage::body)) {
+                sendReply(std::move(*reply), version, keepAlive, false);
+            }
             return false;
+        }
+        if (partCheck && !partCheck->advance(parser.get().body())) {
+            return sendReply(RequestDispatcher::plainText(400, "part header block over the limit"),
+                             version, keepAlive, false);
         }
     }
 
     http::request<kestrin::host::DataBufferBody> whole = parser.release();
     keepAlive = whole.keep_alive();
-    std::optional<std::string> boundary;
-    const auto contentType = whole.find(http::field::content_type);
-    if (contentType != whole.end()) {
-        const beast::string_view value = contentType->value();
-        boundary =
-            kestrin::host::findBoundaryParameter(std::string_view(value.data(), value.size()));
-    }
-    Reply reply = RequestDispatcher::callService(*destination.provider, destination.address,
-                                                 std::move(boundary), std::move(whole.body()));
+    scanner.longestBlock = 0;
+    Reply reply =
+        RequestDispatcher::callService(*verdict.destination.provider, verdict.destination.address,
+                                       std::move(verdict.boundary), std::move(whole.body()));
     if (reply.status != 200 && reply.status != 400) {
         fail("the upload service answered " + std::to_string(reply.status) + " (" + reply.detail +
                  ")",
+             "");
+    }
+    if (partCheck && scanner.longestBlock > kestrin::host::PartHeaderCheck::defaultLimit) {
+        fail("the part check let through a header block of " +
+                 std::to_string(scanner.longestBlock) + " bytes",
              "");
     }
     return sendReply(std::move(reply), version, keepAlive, true);
@@ -292,10 +345,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     const size_t chunk = size_t{data[0]} + 1;
-    const std::uint64_t maxBody = data[1] == 0 ? defaultMaxBody : std::uint64_t{data[1]} * 64;
+    const unsigned limitChoice = data[1] & 0x7f;
+    const std::uint64_t maxBody =
+        limitChoice == 0 ? defaultMaxBody : std::uint64_t{limitChoice} * 64;
+    std::optional<kestrin::host::MemoryBudget> budget;
+    if ((data[1] & 0x80) != 0) {
+        budget.emplace(smallBudget);
+    }
+    kestrin::host::GateSettings settings;
+    settings.maxBody = maxBody;
+    const RequestGate gate(settings, services.dispatcher, budget ? &*budget : nullptr, nullptr);
     ClientBytes client(std::string_view(reinterpret_cast<const char*>(data + 2), size - 2), chunk);
-    beast::flat_buffer buffer;
-    while (serveOne(client, buffer, maxBody, *services.dispatcher)) {
+    // Bounded as the server's is, so no framing can make it grow without end.
+    beast::flat_buffer buffer(64 * 1024 + headerLimit);
+    while (serveOne(client, buffer, maxBody, gate, *services.scanner)) {
+        // Every request gives its memory back, whatever its end.
+        if (budget && budget->used() != 0) {
+            fail("memory still charged after a request: " + std::to_string(budget->used()), "");
+        }
     }
     return 0;
 }

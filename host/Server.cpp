@@ -1,9 +1,13 @@
 #include "host/Server.h"
 
 #include "host/BodyBufferPool.h"
+#include "host/ConnectionTable.h"
 #include "host/DataBufferBody.h"
 #include "host/DiscardBody.h"
-#include "host/HttpRules.h"
+#include "host/DiskFileService.h"
+#include "host/MemoryBudget.h"
+#include "host/PartHeaderCheck.h"
+#include "host/RequestGate.h"
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/executor_work_guard.hpp>
@@ -11,17 +15,22 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/thread_pool.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <exception>
+#include <malloc.h>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -36,17 +45,24 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 namespace net = boost::asio;
 using tcp = net::ip::tcp;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
 constexpr std::uint32_t headerLimit = 16 * 1024;
-// Beast reads no more at once than the read buffer's free capacity, at least 512 bytes and
-// at most 64 KiB: give it the full 64 KiB, or a large body takes a system call per 512 bytes.
-constexpr std::size_t readBufferSize = 64 * 1024;
+// The connection's read buffer holds a head, or pieces of a chunked body on their way into
+// it; bodies of announced length bypass it. Bounded, so no framing (a chunk header that never
+// ends) can make it grow without end.
+constexpr std::size_t readBufferLimit = 64 * 1024 + headerLimit;
+// Asked of the socket when waiting for a request: most heads fit; a longer one grows the
+// buffer as it comes. An idle connection costs no more than this.
+constexpr std::size_t firstReadSize = 4096;
 // The most asked of the socket in one read straight into a body.
 constexpr std::size_t directReadLimit = 4 * 1024 * 1024;
 // How long a connection that is being closed may go on sending what we will not read.
 constexpr std::chrono::seconds drainLimit{5};
+// How long a reply may take to go out.
+constexpr std::chrono::seconds writeLimit{30};
 constexpr const char* serverName = "kestrin-upload-server";
 
 // One write per line, so lines from several threads never interleave.
@@ -55,55 +71,163 @@ void writeLog(const std::string& line) {
     (void)ignored;
 }
 
-// The one place that reports IO failures; step names what failed.
-void reportFailure(std::string_view step, const beast::error_code& ec) {
-    writeLog(std::string(serverName) + ": " + std::string(step) + ": " + ec.message() + "\n");
-}
-
 std::string toString(beast::string_view text) {
     return std::string(text.data(), text.size());
 }
 
-class Session;
-
-// What every session shares with the server: its settings, the dispatcher, the service
-// threads, the stop flag and the live sessions (so a stop can reach the idle ones).
-struct Shared {
-    Shared(const ServerOptions& serverOptions, std::shared_ptr<const RequestDispatcher> router)
-        : options(serverOptions)
-        , dispatcher(std::move(router))
-        , services(std::max(1u, serverOptions.serviceThreads))
-        , bodies(serverOptions.keptBodyBytes) {}
-
-    ServerOptions options;
-    std::shared_ptr<const RequestDispatcher> dispatcher;
-    net::thread_pool services;
-    BodyBufferPool bodies;
-    std::atomic<bool> stopping{false};
-    std::mutex mutex;
-    std::unordered_map<const Session*, std::weak_ptr<Session>> sessions;
-};
-
-// One connection: reads requests one after another, hands each to the dispatcher and writes
-// its reply. Kept alive by the handlers of its pending operation (or of its service call),
-// all of which run on the connection's strand.
-class Session : public std::enable_shared_from_this<Session> {
+// Connection events that a hostile client can cause by the thousand a second. Each is counted
+// and reported at most once a second, with its count, so no client can flood the log.
+class EventLog {
 public:
-    Session(tcp::socket&& socket, std::shared_ptr<Shared> sharedState)
-        : stream(std::move(socket))
-        , shared(std::move(sharedState)) {
-        buffer.reserve(readBufferSize);
+    enum Kind {
+        acceptFailed,
+        headTimedOut,
+        bodyTimedOut,
+        evicted,
+        bodyAbandoned,
+        clientOverLimit,
+        tableFull,
+        refusalNotLogged,
+        kinds
+    };
+
+    // Lines of refused requests each second; past that a flood of refusals is counted, not
+    // written line by line.
+    static constexpr int refusalLinesPerSecond = 50;
+
+    void count(Kind kind, std::string detail = {}) {
+        counts[kind].fetch_add(1, std::memory_order_relaxed);
+        if (!detail.empty()) {
+            std::lock_guard<std::mutex> guard(mutex);
+            details[kind] = std::move(detail);
+        }
     }
 
+    // Writes one line for what happened since the last call, if anything did.
+    void flush(Clock::duration period) {
+        static constexpr std::array<const char*, kinds> what = {
+            "accept failed",
+            "heads not complete in time",
+            "bodies stalled or below the minimum rate",
+            "connections closed to make room",
+            "clients gone mid-body",
+            "connections refused: client over its limit",
+            "connections refused: server full",
+            "refused requests not logged one by one"};
+        std::string line;
+        for (int kind = 0; kind < kinds; ++kind) {
+            const std::uint64_t n = counts[kind].exchange(0, std::memory_order_relaxed);
+            if (n == 0) {
+                continue;
+            }
+            line += line.empty() ? "" : "; ";
+            line += std::string(what[kind]) + " x" + std::to_string(n);
+            std::lock_guard<std::mutex> guard(mutex);
+            if (!details[kind].empty()) {
+                line += " (" + std::exchange(details[kind], {}) + ")";
+            }
+        }
+        if (!line.empty()) {
+            const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(period).count();
+            writeLog(std::string(serverName) + ": in the last " + std::to_string(ms) +
+                     " ms: " + line + "\n");
+        }
+    }
+
+    bool mayLogRefusal() {
+        const auto second =
+            std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch())
+                .count();
+        std::lock_guard<std::mutex> guard(mutex);
+        if (second != refusalSecond) {
+            refusalSecond = second;
+            refusalLines = 0;
+        }
+        return ++refusalLines <= refusalLinesPerSecond;
+    }
+
+private:
+    std::array<std::atomic<std::uint64_t>, kinds> counts{};
+    std::int64_t refusalSecond = 0;
+    int refusalLines = 0;
+    std::mutex mutex;
+    std::array<std::string, kinds> details;
+};
+
+class Session;
+
+// What every session shares with the server: its settings, the gate, the service threads,
+// the memory budget, the connection table, the stop flag and the live sessions (so a stop, or
+// a new connection that needs a slot, can reach them).
+struct Shared {
+    Shared(net::io_context& context, const ServerOptions& serverOptions, ServerParts serverParts)
+        : options(serverOptions)
+        , parts(std::move(serverParts))
+        , budget(serverOptions.maxMemory)
+        , bodies(serverOptions.keptBodyBytes, BodyBufferPool::defaultSmallest, &budget)
+        , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
+                            serverOptions.discardRoute, serverOptions.headerTimeout,
+                            serverOptions.minBodyRate, serverOptions.idleTimeout},
+               parts.dispatcher, &budget, parts.auth.get())
+        , table(ConnectionTable::Limits{serverOptions.maxConnections,
+                                        serverOptions.maxConnectionsPerClient,
+                                        serverOptions.minBodyRate})
+        , services(std::max(1u, serverOptions.serviceThreads))
+        , drainTimer(context)
+        , reportTimer(context) {
+        // Kept bodies are a cache: they give way to a request that needs their memory.
+        budget.setReclaimer([this](std::uint64_t needed) { bodies.reclaim(needed); });
+    }
+
+    ServerOptions options;
+    ServerParts parts;
+    MemoryBudget budget;
+    BodyBufferPool bodies;
+    RequestGate gate;
+    ConnectionTable table;
+    EventLog events;
+    net::thread_pool services;
+    net::steady_timer drainTimer;
+    net::steady_timer reportTimer;
+    std::atomic<bool> stopping{false};
+    std::atomic<int> inService{0};
+    std::atomic<bool> trimDue{false};
+    std::mutex mutex;
+    std::unordered_map<ConnectionTable::Id, std::weak_ptr<Session>> sessions;
+};
+
+// One connection: reads requests one after another, asks the gate what to do with each and
+// does it, and writes the replies. Kept alive by the handlers of its pending operations (or of
+// its service call), all of which run on the connection's strand. Its deadlines run on a timer
+// of its own, which cancels the pending read when one passes, so that the client still gets
+// its 408.
+class Session : public std::enable_shared_from_this<Session> {
+public:
+    Session(tcp::socket&& socket, std::shared_ptr<Shared> sharedState, ConnectionTable::Id slot,
+            std::string clientAddress)
+        : stream(std::move(socket))
+        , buffer(readBufferLimit)
+        , shared(std::move(sharedState))
+        , id(slot)
+        , client(std::move(clientAddress))
+        , timer(stream.get_executor())
+        , holdBack(stream.get_executor()) {}
+
     ~Session() {
+        shared->table.remove(id);
         std::lock_guard<std::mutex> guard(shared->mutex);
-        shared->sessions.erase(this);
+        shared->sessions.erase(id);
+        if (shared->stopping.load() && shared->sessions.empty()) {
+            // The last one out ends the drain early.
+            net::post(shared->drainTimer.get_executor(),
+                      [state = shared] { state->drainTimer.cancel(); });
+        }
     }
 
     void run() {
         {
             std::lock_guard<std::mutex> guard(shared->mutex);
-            shared->sessions.emplace(this, weak_from_this());
+            shared->sessions.emplace(id, weak_from_this());
         }
         net::dispatch(stream.get_executor(),
                       beast::bind_front_handler(&Session::doRead, shared_from_this()));
@@ -113,136 +237,279 @@ public:
     // in flight answers it first and then closes.
     void stop() {
         net::dispatch(stream.get_executor(), [self = shared_from_this()] {
-            if (!self->busy) {
-                self->stream.cancel();
+            if (self->phase == ConnectionTable::Phase::idle) {
+                self->cancelRead(Cut::closed);
+            }
+        });
+    }
+
+    // The shutdown timeout has passed: whatever is left is closed now.
+    void abort() {
+        net::dispatch(stream.get_executor(), [self = shared_from_this()] {
+            self->clearDeadline();
+            beast::error_code ignored;
+            self->stream.socket().close(ignored);
+        });
+    }
+
+    // The connection table gave this connection's slot to a new one.
+    void evict() {
+        net::dispatch(stream.get_executor(), [self = shared_from_this()] {
+            self->shared->events.count(EventLog::evicted);
+            if (self->phase == ConnectionTable::Phase::busy) {
+                self->closeAfterReply = true;
+            } else {
+                self->cancelRead(Cut::evicted);
             }
         });
     }
 
 private:
+    // Why a pending read was cut short.
+    enum class Cut { none, deadline, evicted, closed };
+
+    void enter(ConnectionTable::Phase next) {
+        phase = next;
+        shared->table.enter(id, next, Clock::now());
+    }
+
+    // ---- deadlines
+
+    // The pending read is cancelled once `when` passes. Moving a deadline later costs nothing:
+    // the timer wakes at the old time and waits on.
+    void armDeadline(Clock::time_point when) {
+        deadline = when;
+        if (timerWaiting && timer.expiry() <= when) {
+            return;
+        }
+        timer.expires_at(when);
+        timerWaiting = true;
+        // Weak: the timer must not keep a closed connection, and its slot, alive.
+        timer.async_wait(
+            [weak = weak_from_this(), generation = ++timerGeneration](beast::error_code) {
+                if (const auto self = weak.lock()) {
+                    self->onTimer(generation);
+                }
+            });
+    }
+
+    void clearDeadline() { deadline = Clock::time_point::max(); }
+
+    void onTimer(std::uint64_t generation) {
+        if (generation != timerGeneration) {
+            return;
+        }
+        timerWaiting = false;
+        if (deadline == Clock::time_point::max()) {
+            return;
+        }
+        if (Clock::now() < deadline) {
+            armDeadline(deadline);
+            return;
+        }
+        cancelRead(Cut::deadline);
+    }
+
+    void cancelRead(Cut why) {
+        if (cut == Cut::none) {
+            cut = why;
+        }
+        clearDeadline();
+        beast::error_code ignored;
+        stream.socket().cancel(ignored);
+    }
+
+    // ---- reading a head
+
     void doRead() {
-        if (shared->stopping.load()) {
+        if (shared->stopping.load() || closeAfterReply) {
             return doClose(false);
         }
-        busy = false;
+        enter(ConnectionTable::Phase::idle);
+        cut = Cut::none;
         bytesIn = 0;
+        directLength = 0;
+        directRead = 0;
+        overBudget = false;
+        verdict = Verdict();
+        partCheck.reset();
         discardParser.reset();
         parser.emplace();
         parser->header_limit(headerLimit);
         parser->body_limit(shared->options.maxBody);
-        stream.expires_after(shared->options.idleTimeout);
+        parser->on_chunk_body(chunkBody);
+        stream.expires_never();
+        if (buffer.size() > 0) {
+            return startHead();
+        }
+        armDeadline(Clock::now() + shared->options.idleTimeout);
+        stream.socket().async_read_some(
+            buffer.prepare(firstReadSize),
+            beast::bind_front_handler(&Session::onFirstBytes, shared_from_this()));
+    }
+
+    void onFirstBytes(beast::error_code ec, std::size_t count) {
+        // Nothing of a request yet: an idle or evicted connection just closes.
+        if (ec || cut != Cut::none) {
+            return doClose(false);
+        }
+        buffer.commit(count);
+        startHead();
+    }
+
+    void startHead() {
+        enter(ConnectionTable::Phase::head);
+        started = Clock::now();
+        armDeadline(shared->gate.headDeadline(started));
         http::async_read_header(
             stream, buffer, *parser,
             beast::bind_front_handler(&Session::onReadHeader, shared_from_this()));
     }
 
     void onReadHeader(beast::error_code ec, std::size_t) {
-        if (ec == http::error::end_of_stream || ec == beast::error::timeout ||
-            ec == net::error::operation_aborted) {
-            return doClose(false);
-        }
-        busy = true;
-        started = std::chrono::steady_clock::now();
+        clearDeadline();
+        enter(ConnectionTable::Phase::busy);
         const auto& request = parser->get();
         method = toString(request.method_string());
         target = toString(request.target());
         version = request.version() ? request.version() : 11;
         keepAlive = false;
         requestRead = false;
-
-        if (ec == http::error::header_limit) {
-            return sendReply(RequestDispatcher::plainText(431, "Request Header Fields Too Large"));
-        }
-        if (ec == http::error::body_limit) {
-            return sendReply(RequestDispatcher::plainText(413, "Payload Too Large"));
+        if (cut != Cut::none) {
+            return onCut(RequestGate::Stage::head);
         }
         if (ec) {
-            if (ec.category() == http::make_error_code(http::error::bad_target).category() &&
-                ec != http::error::partial_message) {
-                return sendReply(RequestDispatcher::plainText(400, "Bad Request", ec.message()));
-            }
-            reportFailure("read header", ec);
-            return doClose(false);
+            return onReadFailure(ec, RequestGate::Stage::head);
         }
         keepAlive = request.keep_alive();
         requestRead = parser->is_done();
 
-        const std::optional<std::string> path = decodeTargetPath(target);
-        if (!path) {
-            return sendReply(RequestDispatcher::plainText(
-                400, "Bad Request: malformed percent-escape in the request target"));
-        }
         const bool expectsContinue = beast::iequals(request[http::field::expect], "100-continue");
-        const std::string& discardRoute = shared->options.discardRoute;
-        if (!discardRoute.empty() && *path == discardRoute) {
+        verdict = shared->gate.decide(request, parser->content_length(), client);
+        switch (verdict.kind) {
+        case Verdict::Kind::answer:
+            if (verdict.delay.count() > 0) {
+                return sendLater(verdict.delay);
+            }
+            return sendReply(std::move(verdict.reply));
+        case Verdict::Kind::discard:
             // Nothing has been read into a body yet, so the parser can still change its kind.
             // The request's header moves with it.
             discardParser.emplace(std::move(*parser));
-        } else {
-            destination = shared->dispatcher->route(method, *path);
-            switch (destination.kind) {
-            case RequestDispatcher::Destination::Kind::demoPage:
-                return sendReply(RequestDispatcher::demoPageReply());
-            case RequestDispatcher::Destination::Kind::notFound:
-                return sendReply(RequestDispatcher::plainText(404, "Not Found"));
-            case RequestDispatcher::Destination::Kind::service:
-                useKeptBody();
-                break;
+            break;
+        case Verdict::Kind::service:
+            if (verdict.boundary && shared->parts.scanner) {
+                partCheck.emplace(*shared->parts.scanner, *verdict.boundary);
             }
+            useKeptBody();
+            break;
         }
         if (expectsContinue) {
             return doContinue();
         }
-        doReadBody();
+        startBody();
     }
 
-    // The parser has just reserved a block for the announced body, which no byte has touched
-    // yet; storage kept from an earlier body of at least that size replaces it.
+    // Storage kept from an earlier body of at least the announced size takes the body's place,
+    // and its charge replaces the one for a fresh block.
     void useKeptBody() {
         const boost::optional<std::uint64_t> length = parser->content_length();
         common::DataBuffer& body = parser->get().body();
         if (!length || body.getSize() != 0) {
             return;
         }
-        common::DataBuffer kept = shared->bodies.take(static_cast<std::size_t>(*length));
+        common::DataBuffer kept =
+            shared->bodies.take(static_cast<std::size_t>(*length), &verdict.charge);
         if (kept.getCapacity() >= *length) {
             body.swap(kept);
+            verdict.charge.shrink(*length);
         }
     }
 
     // Clients that wait for a go-ahead before sending a large body get it only here, after
-    // the header passed every check.
+    // the head passed every check.
     void doContinue() {
         auto interim =
             std::make_shared<http::response<http::empty_body>>(http::status::continue_, version);
-        stream.expires_after(shared->options.idleTimeout);
+        stream.expires_after(writeLimit);
         http::async_write(stream, *interim,
                           [self = shared_from_this(), interim](beast::error_code ec, std::size_t) {
                               if (ec) {
-                                  reportFailure("write 100-continue", ec);
                                   return self->doClose(false);
                               }
-                              self->doReadBody();
+                              self->startBody();
                           });
     }
 
-    // Reads the body piece by piece, so the idle timeout counts from the last bytes that
-    // arrived rather than from the start of a long upload.
+    // ---- reading a body
+
+    void startBody() {
+        enter(ConnectionTable::Phase::body);
+        bodyStarted = Clock::now();
+        stream.expires_never();
+        doReadBody();
+    }
+
+    void armBodyDeadline() {
+        armDeadline(shared->gate.bodyDeadline(bodyStarted, bytesIn, Clock::now()));
+    }
+
+    // Bodies of announced length are read straight into place; others piece by piece through
+    // the parser, which takes chunked framing apart.
     void doReadBody() {
+        auto& base = discardParser ? static_cast<http::basic_parser<true>&>(*discardParser)
+                                   : static_cast<http::basic_parser<true>&>(*parser);
+        if (base.is_done()) {
+            return bodyDone();
+        }
+        if (!base.chunked() && base.content_length()) {
+            return startDirect(static_cast<std::size_t>(*base.content_length()));
+        }
+        if (buffer.capacity() < 64 * 1024) {
+            // Beast reads no more at once than the buffer's free room.
+            buffer.reserve(64 * 1024);
+        }
+        armBodyDeadline();
+        const auto handler = beast::bind_front_handler(&Session::onReadBody, shared_from_this());
         if (discardParser) {
-            return doReadDiscarded();
+            http::async_read_some(stream, buffer, *discardParser, handler);
+        } else {
+            http::async_read_some(stream, buffer, *parser, handler);
         }
-        if (parser->is_done()) {
-            return callService();
+    }
+
+    std::size_t appendChunk(std::uint64_t, beast::string_view piece, beast::error_code& ec) {
+        switch (shared->gate.appendToBody(
+            parser->get().body(), std::string_view(piece.data(), piece.size()), verdict.charge)) {
+        case RequestGate::Growth::appended:
+            return piece.size();
+        case RequestGate::Growth::overBudget:
+            overBudget = true;
+            ec = http::error::body_limit;
+            return 0;
+        case RequestGate::Growth::outOfMemory:
+            break;
         }
-        const common::DataBuffer& body = parser->get().body();
-        if (!parser->chunked() && parser->content_length() && body.getSize() == 0 &&
-            body.getCapacity() >= *parser->content_length()) {
-            return startDirect(static_cast<std::size_t>(*parser->content_length()));
+        ec = boost::system::errc::make_error_code(boost::system::errc::not_enough_memory);
+        return 0;
+    }
+
+    void onReadBody(beast::error_code ec, std::size_t count) {
+        if (cut != Cut::none) {
+            return onCut(RequestGate::Stage::body);
         }
-        stream.expires_after(shared->options.idleTimeout);
-        http::async_read_some(stream, buffer, *parser,
-                              beast::bind_front_handler(&Session::onReadBody, shared_from_this()));
+        if (overBudget) {
+            return sendReply(shared->gate.bodyOverBudget());
+        }
+        if (ec) {
+            return onReadFailure(ec, RequestGate::Stage::body);
+        }
+        bytesIn += count;
+        shared->table.received(id, count);
+        if (!checkParts()) {
+            return;
+        }
+        doReadBody();
     }
 
     // A body of announced length is received straight into its buffer, from the socket, in
@@ -251,7 +518,14 @@ private:
     // such a body; it only hands over the message once the bytes are in.
     void startDirect(std::size_t length) {
         if (!discardParser) {
-            parser->get().body().resize(length);
+            try {
+                // A no-op when kept storage took the body's place.
+                parser->get().body().reserve(length);
+            } catch (const std::runtime_error&) {
+                return onReadFailure(
+                    boost::system::errc::make_error_code(boost::system::errc::not_enough_memory),
+                    RequestGate::Stage::body);
+            }
         }
         directLength = length;
         directRead = 0;
@@ -271,112 +545,187 @@ private:
         return net::buffer(&parser->get().body()[directRead], left);
     }
 
+    // The body's size is what has arrived, so the part check sees only real bytes.
+    void directArrived(std::size_t count) {
+        directRead += count;
+        bytesIn = directRead;
+        shared->table.received(id, count);
+        if (!discardParser) {
+            parser->get().body().resize(directRead);
+        }
+    }
+
     void doReadDirect() {
-        // Bytes that came in with the header are the body's first ones.
+        // Bytes that came in with the head are the body's first ones.
         if (directRead < directLength && buffer.size() > 0) {
             const std::size_t early = net::buffer_copy(directTarget(), buffer.data());
             buffer.consume(early);
-            directRead += early;
+            directArrived(early);
+            if (!checkParts()) {
+                return;
+            }
         }
         if (directRead == directLength) {
-            return discardParser ? sendDiscarded(directLength) : callService();
+            return bodyDone();
         }
-        stream.expires_after(shared->options.idleTimeout);
-        stream.async_read_some(
+        armBodyDeadline();
+        stream.socket().async_read_some(
             directTarget(), beast::bind_front_handler(&Session::onReadDirect, shared_from_this()));
     }
 
     void onReadDirect(beast::error_code ec, std::size_t count) {
+        if (cut != Cut::none) {
+            return onCut(RequestGate::Stage::body);
+        }
         if (ec) {
-            // The client went away or stalled mid-body: nobody is left to answer.
-            reportFailure("read body", ec);
+            // The client went away mid-body: nobody is left to answer.
+            shared->events.count(EventLog::bodyAbandoned);
             return doClose(false);
         }
-        directRead += count;
+        directArrived(count);
+        if (!checkParts()) {
+            return;
+        }
         doReadDirect();
     }
 
-    void onReadBody(beast::error_code ec, std::size_t) {
-        if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
-            return sendReply(RequestDispatcher::plainText(413, "Payload Too Large"));
+    // False, with the refusal on its way, once the body shows a part header block the module
+    // must not be given.
+    bool checkParts() {
+        if (!partCheck || partCheck->advance(parser->get().body())) {
+            return true;
         }
-        if (ec == boost::system::errc::not_enough_memory) {
-            return sendReply(RequestDispatcher::plainText(
-                503, "Service Unavailable: not enough memory for this request body"));
-        }
-        if (ec) {
-            // The client went away or stalled mid-body: nobody is left to answer.
-            reportFailure("read body", ec);
-            return doClose(false);
-        }
-        doReadBody();
+        sendReply(RequestDispatcher::plainText(
+            400,
+            "Bad Request: a part's header block is longer than " +
+                std::to_string(PartHeaderCheck::defaultLimit) + " bytes",
+            "part header block over the limit"));
+        return false;
     }
 
-    // Reads the way the upload path reads: a slower read here would make the floor the upload
-    // is measured against slower than the machine, and flatter the upload.
-    void doReadDiscarded() {
-        if (discardParser->is_done()) {
-            return sendDiscarded(discardParser->get().body());
-        }
-        if (!discardParser->chunked() && discardParser->content_length()) {
-            return startDirect(static_cast<std::size_t>(*discardParser->content_length()));
-        }
-        stream.expires_after(shared->options.idleTimeout);
-        http::async_read_some(stream, buffer, *discardParser,
-                              beast::bind_front_handler(&Session::onReadBody, shared_from_this()));
-    }
-
-    void sendDiscarded(std::uint64_t count) {
+    void bodyDone() {
+        clearDeadline();
+        enter(ConnectionTable::Phase::busy);
         requestRead = true;
-        keepAlive = discardParser->get().keep_alive();
-        bytesIn = count;
-        sendReply(RequestDispatcher::plainText(200, "Discarded " + std::to_string(bytesIn) +
-                                                        " body bytes"));
+        if (discardParser) {
+            keepAlive = discardParser->get().keep_alive();
+            const std::uint64_t count =
+                directLength > 0 ? directLength : discardParser->get().body();
+            bytesIn = count;
+            return sendReply(RequestDispatcher::plainText(
+                200, "Discarded " + std::to_string(count) + " body bytes"));
+        }
+        callService();
     }
+
+    // ---- serving
 
     void callService() {
-        requestRead = true;
         http::request<DataBufferBody> request = parser->release();
         keepAlive = request.keep_alive();
-        std::optional<std::string> boundary;
-        const auto contentType = request.find(http::field::content_type);
-        if (contentType != request.end()) {
-            const beast::string_view value = contentType->value();
-            boundary = findBoundaryParameter(std::string_view(value.data(), value.size()));
-        }
         bytesIn = request.body().getSize();
+        shared->inService.fetch_add(1);
 
         // The guard keeps the IO threads running until the reply has been handed back.
-        net::post(shared->services, [self = shared_from_this(),
-                                     work = net::make_work_guard(stream.get_executor()),
-                                     provider = destination.provider, address = destination.address,
-                                     boundary = std::move(boundary),
-                                     body = std::move(request.body())]() mutable {
-            common::DataBuffer returned;
-            Reply reply = RequestDispatcher::callService(*provider, address, std::move(boundary),
-                                                         std::move(body), &returned);
-            self->shared->bodies.give(std::move(returned));
-            net::post(self->stream.get_executor(), [self, reply = std::move(reply)]() mutable {
-                self->sendReply(std::move(reply));
+        net::post(
+            shared->services,
+            [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
+             destination = verdict.destination, boundary = std::move(verdict.boundary),
+             charge = std::move(verdict.charge), body = std::move(request.body())]() mutable {
+                Shared& state = *self->shared;
+                common::DataBuffer returned;
+                Reply reply;
+                {
+                    std::optional<DiskFileService::RequestScope> scope;
+                    if (state.parts.files) {
+                        scope.emplace(*state.parts.files, state.options.maxFiles);
+                    }
+                    reply = RequestDispatcher::callService(*destination.provider,
+                                                           destination.address, std::move(boundary),
+                                                           std::move(body), &returned);
+                    // The answer may say the files are stored only once they are durable.
+                    try {
+                        if (scope) {
+                            scope->finish();
+                        }
+                    } catch (const std::exception& error) {
+                        reply = RequestDispatcher::plainText(500, "Internal Server Error",
+                                                             error.what());
+                    }
+                }
+                // The body's storage stays charged while it is kept for the next request.
+                state.bodies.give(std::move(returned), &charge);
+                charge.release();
+                state.inService.fetch_sub(1);
+                state.trimDue.store(true);
+                net::post(self->stream.get_executor(), [self, reply = std::move(reply)]() mutable {
+                    self->sendReply(std::move(reply));
+                });
             });
+    }
+
+    // ---- answering and closing
+
+    // A read ended by a deadline or by making room: a request under way gets its 408; a
+    // connection with nothing under way just closes.
+    void onCut(RequestGate::Stage stage) {
+        const Cut why = cut;
+        if (why == Cut::closed) {
+            return doClose(false);
+        }
+        shared->events.count(why == Cut::evicted                 ? EventLog::evicted
+                             : stage == RequestGate::Stage::head ? EventLog::headTimedOut
+                                                                 : EventLog::bodyTimedOut);
+        quiet = true;
+        sendReply(shared->gate.timedOut(stage));
+    }
+
+    // Holds the verdict's answer back; the connection is busy meanwhile, so it is never taken
+    // for room, and a stop waits for it like any answer.
+    void sendLater(std::chrono::milliseconds delay) {
+        holdBack.expires_after(delay);
+        holdBack.async_wait([self = shared_from_this()](beast::error_code) {
+            self->sendReply(std::move(self->verdict.reply));
         });
     }
 
+    void onReadFailure(const beast::error_code& ec, RequestGate::Stage stage) {
+        if (std::optional<Reply> reply = shared->gate.onReadError(ec, stage)) {
+            return sendReply(std::move(*reply));
+        }
+        if (stage == RequestGate::Stage::body) {
+            shared->events.count(EventLog::bodyAbandoned);
+        }
+        doClose(false);
+    }
+
     void sendReply(Reply&& reply) {
+        clearDeadline();
+        if (phase != ConnectionTable::Phase::busy) {
+            enter(ConnectionTable::Phase::busy);
+        }
         // A request whose body was not read leaves the connection at an unknown point of the
-        // byte stream: answer and close.
-        const bool close = !keepAlive || !requestRead || shared->stopping.load();
+        // byte stream: answer and close. So does one whose framing the gate could not trust.
+        if (reply.close) {
+            requestRead = false;
+        }
+        const bool close = !keepAlive || !requestRead || closeAfterReply || shared->stopping.load();
         auto response = std::make_shared<http::response<DataBufferBody>>();
         response->version(version);
         response->result(reply.status);
         response->set(http::field::server, serverName);
         response->set(http::field::content_type, reply.contentType);
+        for (const auto& [name, value] : reply.headers) {
+            response->set(name, value);
+        }
         response->body() = std::move(reply.body);
         response->keep_alive(!close);
         response->prepare_payload();
-        logRequest(reply.status, reply.detail);
+        if (!quiet) {
+            logRequest(reply.status, reply.detail);
+        }
 
-        stream.expires_after(shared->options.idleTimeout);
+        stream.expires_after(writeLimit);
         http::async_write(stream, *response,
                           [self = shared_from_this(), response,
                            close](beast::error_code ec, std::size_t) { self->onWrite(close, ec); });
@@ -384,42 +733,54 @@ private:
 
     void onWrite(bool close, beast::error_code ec) {
         if (ec) {
-            reportFailure("write", ec);
             return doClose(false);
         }
         if (close) {
-            return doClose(!requestRead);
+            // A hostile client cut off by a deadline gets no time to send more.
+            return doClose(!requestRead && !quiet);
         }
+        quiet = false;
         doRead();
     }
 
     // Half-closes, then optionally reads and drops whatever the client still sends: closing
     // a socket with unread input resets the connection, and the client might lose the reply.
+    // A draining connection holds its slot as an idle one, first to go when room is needed.
     void doClose(bool drain) {
+        clearDeadline();
         beast::error_code ignored;
         stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
         if (!drain) {
+            stream.socket().close(ignored);
             return;
         }
-        busy = true;
+        enter(ConnectionTable::Phase::idle);
         stream.expires_after(drainLimit);
         doDrain();
     }
 
     void doDrain() {
-        stream.async_read_some(buffer.prepare(64 * 1024),
-                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                                   if (!ec) {
-                                       self->doDrain();
-                                   }
-                               });
+        stream.async_read_some(
+            buffer.prepare(std::min<std::size_t>(64 * 1024, buffer.max_size() - buffer.size())),
+            [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                if (!ec && self->cut == Cut::none) {
+                    self->doDrain();
+                }
+            });
     }
 
     void logRequest(unsigned status, const std::string& detail) {
-        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
-            std::chrono::steady_clock::now() - started);
+        if (status >= 400 && !shared->events.mayLogRefusal()) {
+            shared->events.count(EventLog::refusalNotLogged);
+            return;
+        }
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started);
         std::string line = method + " " + target + " " + std::to_string(status) + " " +
                            std::to_string(bytesIn) + " " + std::to_string(elapsed.count()) + "ms";
+        if (!verdict.user.empty()) {
+            line += " user " + verdict.user;
+        }
         if (!detail.empty()) {
             line += " (" + detail + ")";
         }
@@ -430,32 +791,54 @@ private:
     beast::tcp_stream stream;
     beast::flat_buffer buffer;
     std::shared_ptr<Shared> shared;
+    const ConnectionTable::Id id;
+    const std::string client; // the peer's address
+    net::steady_timer timer;
+    net::steady_timer holdBack; // for answers the gate holds back
+    Clock::time_point deadline = Clock::time_point::max();
+    std::uint64_t timerGeneration = 0;
+    bool timerWaiting = false;
+    Cut cut = Cut::none;
+    ConnectionTable::Phase phase = ConnectionTable::Phase::idle;
+
     std::optional<http::request_parser<DataBufferBody>> parser;
     // Takes over from parser for a request to the discard route.
     std::optional<http::request_parser<DiscardBody>> discardParser;
-    RequestDispatcher::Destination destination{RequestDispatcher::Destination::Kind::notFound,
-                                               nullptr, Address()};
+    // Beast holds the chunk callback by reference: it lives as long as the session.
+    std::function<std::size_t(std::uint64_t, beast::string_view, beast::error_code&)> chunkBody =
+        [this](std::uint64_t remain, beast::string_view piece, beast::error_code& ec) {
+            return appendChunk(remain, piece, ec);
+        };
+    Verdict verdict;
+    std::optional<PartHeaderCheck> partCheck;
+
     std::string method;
     std::string target;
-    std::chrono::steady_clock::time_point started;
+    Clock::time_point started = Clock::now();
+    Clock::time_point bodyStarted;
     std::uint64_t bytesIn = 0;
     std::size_t directLength = 0;            // size of a body read straight from the socket
     std::size_t directRead = 0;              // how much of it has arrived
     std::unique_ptr<std::uint8_t[]> scratch; // where the discard route drops its bytes
     unsigned version = 11;
     bool keepAlive = false;
-    bool requestRead = false; // the whole request, body included, has been consumed
-    bool busy = false;        // a request is in flight: a stop lets it finish
+    bool requestRead = false;     // the whole request, body included, has been consumed
+    bool overBudget = false;      // a chunked body outgrew the memory budget
+    bool closeAfterReply = false; // evicted while busy: finish this request, then close
+    bool quiet = false;           // a refusal counted in the event log, not logged alone
 };
 
-// Accepts connections and starts a session for each, until the server stops.
+// Accepts connections and starts a session for each, within the connection table's limits:
+// when there is no slot and none worth taking, it stops accepting until one frees, and when
+// accept itself fails it backs off instead of retrying at once.
 class Listener : public std::enable_shared_from_this<Listener> {
 public:
     Listener(net::io_context& context, const tcp::endpoint& endpoint,
              std::shared_ptr<Shared> sharedState)
         : ioc(context)
         , acceptor(net::make_strand(context))
-        , shared(std::move(sharedState)) {
+        , shared(std::move(sharedState))
+        , pause(acceptor.get_executor()) {
         beast::error_code ec;
         const auto check = [&](std::string_view step) {
             if (ec) {
@@ -485,13 +868,53 @@ public:
         net::dispatch(acceptor.get_executor(), [self = shared_from_this()] {
             beast::error_code ignored;
             self->acceptor.close(ignored);
+            self->pause.cancel();
+            ++self->waitGeneration;
         });
     }
 
 private:
+    // Waiting connections stay in the kernel's queue meanwhile.
+    static constexpr std::chrono::milliseconds roomCheck{250};
+    static constexpr std::chrono::milliseconds firstBackoff{5};
+    static constexpr std::chrono::milliseconds lastBackoff{1000};
+
     void doAccept() {
+        if (shared->stopping.load() || !acceptor.is_open()) {
+            return;
+        }
+        if (!shared->table.hasRoom(Clock::now())) {
+            return waitForRoom();
+        }
         acceptor.async_accept(net::make_strand(ioc),
                               beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
+    }
+
+    // Resumes when a slot frees, or, at the latest, when a held connection may have become
+    // worth closing.
+    void waitForRoom() {
+        const std::uint64_t generation = ++waitGeneration;
+        // Weak: the table may hold the callback for as long as the server runs.
+        const auto resume = [weak = weak_from_this(), generation] {
+            const std::shared_ptr<Listener> self = weak.lock();
+            if (!self) {
+                return;
+            }
+            net::dispatch(self->acceptor.get_executor(), [self, generation] {
+                if (generation == self->waitGeneration) {
+                    ++self->waitGeneration;
+                    self->pause.cancel();
+                    self->doAccept();
+                }
+            });
+        };
+        shared->table.whenRoom(resume);
+        pause.expires_after(roomCheck);
+        pause.async_wait([resume](beast::error_code ec) {
+            if (!ec) {
+                resume();
+            }
+        });
     }
 
     void onAccept(beast::error_code ec, tcp::socket socket) {
@@ -499,27 +922,107 @@ private:
             return;
         }
         if (ec) {
-            reportFailure("accept", ec);
-        } else {
-            std::make_shared<Session>(std::move(socket), shared)->run();
+            // Out of descriptors or memory: retrying at once would only fail again, as fast
+            // as the processor allows. Out of descriptors, a connection worth closing gives
+            // one back, whatever the connection limit says.
+            shared->events.count(EventLog::acceptFailed, ec.message());
+            if (ec == net::error::no_descriptors ||
+                ec == boost::system::errc::too_many_files_open_in_system) {
+                if (const auto victim = shared->table.evictOne(Clock::now())) {
+                    evictSession(victim->first);
+                }
+            }
+            backoff = std::clamp(backoff * 2, firstBackoff, lastBackoff);
+            pause.expires_after(backoff);
+            pause.async_wait([self = shared_from_this()](beast::error_code waited) {
+                if (!waited) {
+                    self->doAccept();
+                }
+            });
+            return;
         }
-        if (!shared->stopping.load()) {
-            doAccept();
+        backoff = std::chrono::milliseconds(0);
+        beast::error_code peerError;
+        const tcp::endpoint peer = socket.remote_endpoint(peerError);
+        if (!peerError) {
+            admit(std::move(socket), peer.address().to_string());
         }
+        doAccept();
+    }
+
+    void admit(tcp::socket&& socket, const std::string& client) {
+        const ConnectionTable::Admission admission = shared->table.admit(client, Clock::now());
+        if (admission.outcome != ConnectionTable::Admission::Outcome::admitted) {
+            const bool clientFull =
+                admission.outcome == ConnectionTable::Admission::Outcome::clientFull;
+            shared->events.count(clientFull ? EventLog::clientOverLimit : EventLog::tableFull,
+                                 clientFull ? client : std::string());
+            return refuse(std::move(socket), clientFull);
+        }
+        if (admission.victim) {
+            evictSession(*admission.victim);
+        }
+        std::make_shared<Session>(std::move(socket), shared, admission.id, client)->run();
+    }
+
+    void evictSession(ConnectionTable::Id id) {
+        std::shared_ptr<Session> victim;
+        {
+            std::lock_guard<std::mutex> guard(shared->mutex);
+            const auto found = shared->sessions.find(id);
+            if (found != shared->sessions.end()) {
+                victim = found->second.lock();
+            }
+        }
+        if (victim) {
+            victim->evict();
+        }
+    }
+
+    // A connection with no slot gets a short answer without its request being read, and is
+    // closed: it costs one write, not a session.
+    static void refuse(tcp::socket&& socket, bool clientFull) {
+        static const std::string overClient =
+            reply("Service Unavailable: too many connections from your address; retry\n");
+        static const std::string full = reply("Service Unavailable: server busy; retry\n");
+        auto connection = std::make_shared<tcp::socket>(std::move(socket));
+        const std::string& bytes = clientFull ? overClient : full;
+        net::async_write(*connection, net::buffer(bytes),
+                         [connection](beast::error_code, std::size_t) {
+                             beast::error_code ignored;
+                             connection->shutdown(tcp::socket::shutdown_both, ignored);
+                             connection->close(ignored);
+                         });
+    }
+
+    static std::string reply(std::string_view text) {
+        http::response<http::string_body> response(http::status::service_unavailable, 11);
+        response.set(http::field::server, serverName);
+        response.set(http::field::content_type, "text/plain; charset=utf-8");
+        response.set(http::field::retry_after, "1");
+        response.keep_alive(false);
+        response.body() = std::string(text);
+        response.prepare_payload();
+        std::ostringstream out;
+        out << response;
+        return out.str();
     }
 
     net::io_context& ioc;
     tcp::acceptor acceptor;
     std::shared_ptr<Shared> shared;
+    net::steady_timer pause;
+    std::uint64_t waitGeneration = 0;
+    std::chrono::milliseconds backoff{0};
 };
 
 } // namespace
 
 struct Server::State {
-    State(const ServerOptions& options, std::shared_ptr<const RequestDispatcher> dispatcher)
+    State(const ServerOptions& options, ServerParts parts)
         : ioc(static_cast<int>(options.threads))
         , signals(ioc, SIGINT, SIGTERM)
-        , shared(std::make_shared<Shared>(options, std::move(dispatcher))) {
+        , shared(std::make_shared<Shared>(ioc, options, std::move(parts))) {
         beast::error_code ec;
         const auto address = net::ip::make_address(options.address, ec);
         if (ec) {
@@ -532,18 +1035,56 @@ struct Server::State {
     void beginStop() {
         shared->stopping.store(true);
         listener->stop();
-        std::vector<std::shared_ptr<Session>> live;
-        {
-            std::lock_guard<std::mutex> guard(shared->mutex);
-            for (const auto& entry : shared->sessions) {
-                if (auto session = entry.second.lock()) {
-                    live.push_back(std::move(session));
-                }
-            }
-        }
+        const std::vector<std::shared_ptr<Session>> live = liveSessions();
         for (const auto& session : live) {
             session->stop();
         }
+        if (live.empty()) {
+            return;
+        }
+        // Requests in flight get until the shutdown timeout; then what is left is closed.
+        shared->drainTimer.expires_after(shared->options.shutdownTimeout);
+        shared->drainTimer.async_wait([this](beast::error_code ec) {
+            if (ec) {
+                return;
+            }
+            const std::vector<std::shared_ptr<Session>> left = liveSessions();
+            writeLog(std::string(serverName) + ": shutdown timeout: closing " +
+                     std::to_string(left.size()) + " connections\n");
+            for (const auto& session : left) {
+                session->abort();
+            }
+        });
+    }
+
+    std::vector<std::shared_ptr<Session>> liveSessions() {
+        std::vector<std::shared_ptr<Session>> live;
+        std::lock_guard<std::mutex> guard(shared->mutex);
+        for (const auto& entry : shared->sessions) {
+            if (auto session = entry.second.lock()) {
+                live.push_back(std::move(session));
+            }
+        }
+        return live;
+    }
+
+    // Once a second: the counted connection events go to the log, and after a burst of
+    // uploads, once none is in service, the allocator hands its free memory back.
+    void report(Clock::time_point last) {
+        const Clock::time_point now = Clock::now();
+        shared->events.flush(now - last);
+        if (shared->inService.load() == 0 && shared->trimDue.exchange(false)) {
+            net::post(shared->services, [] { ::malloc_trim(0); });
+        }
+        if (shared->stopping.load()) {
+            return;
+        }
+        shared->reportTimer.expires_after(std::chrono::seconds(1));
+        shared->reportTimer.async_wait([this, now](beast::error_code ec) {
+            if (!ec) {
+                report(now);
+            }
+        });
     }
 
     // A handler that throws must not take an IO thread down with it.
@@ -566,8 +1107,8 @@ struct Server::State {
     std::shared_ptr<Listener> listener;
 };
 
-Server::Server(const ServerOptions& options, std::shared_ptr<const RequestDispatcher> dispatcher)
-    : state(std::make_unique<State>(options, std::move(dispatcher))) {}
+Server::Server(const ServerOptions& options, ServerParts parts)
+    : state(std::make_unique<State>(options, std::move(parts))) {}
 
 Server::~Server() = default;
 
@@ -580,9 +1121,11 @@ void Server::run() {
     state->signals.async_wait([this](beast::error_code ec, int) {
         if (!ec) {
             state->beginStop();
+            state->shared->reportTimer.cancel();
         }
     });
     state->listener->run();
+    state->report(Clock::now());
 
     std::vector<std::thread> threads;
     const unsigned count = std::max(1u, state->shared->options.threads);
@@ -595,6 +1138,7 @@ void Server::run() {
         thread.join();
     }
     state->shared->services.join();
+    state->shared->events.flush(std::chrono::seconds(0));
 }
 
 } // namespace kestrin::host

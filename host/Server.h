@@ -6,18 +6,35 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
+
+namespace kestrin::file_upload::v1 {
+class MultipartUploadService;
+}
 
 namespace kestrin::host {
+
+class BasicAuth;
+class DiskFileService;
 
 struct ServerOptions {
     std::string address = "127.0.0.1";
     unsigned short port = 8080; // 0 picks a free port
     std::uint64_t maxBody = std::uint64_t{1} << 30;
+    // What request bodies, the parts cut out of them and kept bodies may take in all.
+    std::uint64_t maxMemory = std::uint64_t{8} << 30;
     unsigned threads = 1; // IO threads
     // Threads that run service calls. Each is held for a whole upload, file writes included,
     // so this many uploads are stored at once, however many cores there are.
-    unsigned serviceThreads = 16;
+    unsigned serviceThreads = 64;
+    std::size_t maxConnections = 1024;
+    std::size_t maxConnectionsPerClient = 32;
     std::chrono::seconds idleTimeout{30};
+    std::chrono::seconds headerTimeout{10};
+    std::uint64_t minBodyRate = 1024; // bytes per second, after headerTimeout of grace
+    std::chrono::seconds shutdownTimeout{30};
+    std::size_t maxFiles = 1000; // files one request may store
+    std::vector<std::string> allowedOrigins;
     // Request-body storage kept for later requests once its request is done, in bytes: a
     // large upload then lands in memory whose pages exist already. 0 frees every body.
     std::uint64_t keptBodyBytes = std::uint64_t{512} << 20;
@@ -26,15 +43,26 @@ struct ServerOptions {
     std::string discardRoute;
 };
 
-// The HTTP side of the server: accepts connections, reads each request's header and body,
-// asks the dispatcher where it goes, runs service calls on a pool of service threads (they
-// block until files are stored) and writes the replies. Owned by main; run() is called once,
-// from one thread, and returns after SIGINT or SIGTERM once the requests in flight are
-// answered.
+// What the server works with, built by main the way the framework builds it.
+struct ServerParts {
+    std::shared_ptr<const RequestDispatcher> dispatcher;
+    // Counts and limits the files of each request, and makes them durable once per request.
+    std::shared_ptr<DiskFileService> files;
+    // The module's scans, which the server uses to follow part headers while a body arrives.
+    std::shared_ptr<file_upload::v1::MultipartUploadService> scanner;
+    // Null: no authentication.
+    std::shared_ptr<BasicAuth> auth;
+};
+
+// The HTTP side of the server: accepts connections within their limits, reads each request's
+// head and body within their deadlines, follows the request gate's verdicts, runs service calls
+// on a pool of service threads (they block until files are stored) and writes the replies.
+// Owned by main; run() is called once, from one thread, and returns after SIGINT or SIGTERM
+// once the requests in flight are answered or the shutdown timeout has passed.
 class Server {
 public:
     // Binds and listens; throws std::runtime_error when that fails (a port in use).
-    Server(const ServerOptions& options, std::shared_ptr<const RequestDispatcher> dispatcher);
+    Server(const ServerOptions& options, ServerParts parts);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
