@@ -19,9 +19,19 @@ const chromiumArgs = [
 const green = 'rgb(26, 127, 55)';
 const red = 'rgb(198, 40, 40)';
 
-function startServer(directory) {
-  const child = spawn(serverBinary, ['--listen', '127.0.0.1:0', '--dir', directory, '--threads', '2'],
-                      { stdio: ['ignore', 'pipe', 'inherit'] });
+// Starts a server and adds its process to `children` at once, so it is stopped even if it never
+// says where it listens. Its log is kept for the test to read and still shown as it comes.
+function startServer(children, directory, flags = []) {
+  const child = spawn(serverBinary,
+                      ['--listen', '127.0.0.1:0', '--dir', directory, '--threads', '2', ...flags],
+                      { stdio: ['ignore', 'pipe', 'pipe'] });
+  children.push(child);
+  const server = { child, url: null, log: '' };
+  child.stderr.setEncoding('utf8');
+  child.stderr.on('data', (data) => {
+    server.log += data;
+    process.stderr.write(data);
+  });
   return new Promise((resolvePromise, reject) => {
     let output = '';
     const timer = setTimeout(() => reject(new Error('the server did not start')), 20000);
@@ -31,9 +41,25 @@ function startServer(directory) {
       const match = /^listening on (http:\/\/127\.0\.0\.1:\d+\/)\n/.exec(output);
       if (match) {
         clearTimeout(timer);
-        resolvePromise({ child, url: match[1] });
+        server.url = match[1];
+        resolvePromise(server);
       }
     });
+  });
+}
+
+// Waits for the exit, so the upload directory is removed only once the server is done with it.
+function stop(child) {
+  if (child.exitCode !== null || child.signalCode !== null) {
+    return Promise.resolve();
+  }
+  return new Promise((resolvePromise) => {
+    const timer = setTimeout(() => child.kill('SIGKILL'), 5000);
+    child.once('exit', () => {
+      clearTimeout(timer);
+      resolvePromise();
+    });
+    child.kill('SIGTERM');
   });
 }
 
@@ -51,16 +77,16 @@ async function main() {
   assert.ok(serverBinary, 'KESTRIN_SERVER must name the server binary');
   const root = mkdtempSync(join(tmpdir(), 'kestrin-browser-'));
   const uploads = join(root, 'uploads');
-  let server = null;
+  const children = [];
   let context = null;
   // Whatever happens, nothing outlives the test for long.
   const deadline = setTimeout(() => {
     console.error('browser test: timed out');
-    server?.child.kill('SIGKILL');
+    children.forEach((child) => child.kill('SIGKILL'));
     process.exit(1);
   }, 120000);
   try {
-    server = await startServer(uploads);
+    const server = await startServer(children, uploads);
     context = await chromium.launchPersistentContext(join(root, 'profile'), {
       executablePath: '/usr/bin/chromium',
       headless: true,
@@ -105,7 +131,7 @@ async function main() {
   } finally {
     clearTimeout(deadline);
     await context?.close().catch(() => {});
-    server?.child.kill('SIGTERM');
+    await Promise.all(children.map(stop));
     rmSync(root, { recursive: true, force: true });
   }
 }
