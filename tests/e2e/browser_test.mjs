@@ -1,14 +1,19 @@
 // Drives Debian's chromium against the real server's demo page: two files chosen and posted
 // through the form are shown as "SUCCESS" and land on disk; a failing upload shows its error
-// text; the drop area's upload reports its result the same way. A screenshot goes to
-// KESTRIN_ARTIFACTS. The server binary comes from KESTRIN_SERVER or the first argument.
+// text; the drop area's upload reports its result the same way. Then a page of another site
+// tries to replace a file stored through the demo page, with a form and with fetch: the server
+// refuses each request and nothing on disk changes; a second server that lists that site as an
+// allowed origin stores the same form's file. A screenshot goes to KESTRIN_ARTIFACTS. The server
+// binary comes from KESTRIN_SERVER or the first argument.
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { randomBytes } from 'node:crypto';
-import { mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
+import { existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join, resolve } from 'node:path';
 import { chromium } from 'playwright-core';
+
+import { plantedContent, startAttackerSite } from './attacker_site.mjs';
 
 const serverBinary = process.env.KESTRIN_SERVER || process.argv[2];
 const artifacts = resolve(process.env.KESTRIN_ARTIFACTS || 'artifacts');
@@ -48,6 +53,32 @@ function startServer(children, directory, flags = []) {
   });
 }
 
+// Resolves to the log line of the first POST to `target`. The server writes it before it
+// answers, so it is there, or on its way through the pipe, once the browser has the answer.
+function logLine(server, target) {
+  const find = () => server.log.slice(0, server.log.lastIndexOf('\n') + 1).split('\n')
+    .find((line) => line.startsWith(`POST ${target} `));
+  return new Promise((resolvePromise, reject) => {
+    const check = () => {
+      const line = find();
+      if (line !== undefined) {
+        done();
+        resolvePromise(line);
+      }
+    };
+    const timer = setTimeout(() => {
+      done();
+      reject(new Error(`the server never saw POST ${target}: did the browser block it?`));
+    }, 10000);
+    const done = () => {
+      clearTimeout(timer);
+      server.child.stderr.off('data', check);
+    };
+    server.child.stderr.on('data', check);
+    check();
+  });
+}
+
 // Waits for the exit, so the upload directory is removed only once the server is done with it.
 function stop(child) {
   if (child.exitCode !== null || child.signalCode !== null) {
@@ -78,6 +109,7 @@ async function main() {
   const root = mkdtempSync(join(tmpdir(), 'kestrin-browser-'));
   const uploads = join(root, 'uploads');
   const children = [];
+  let site = null;
   let context = null;
   // Whatever happens, nothing outlives the test for long.
   const deadline = setTimeout(() => {
@@ -87,6 +119,7 @@ async function main() {
   }, 120000);
   try {
     const server = await startServer(children, uploads);
+    site = await startAttackerSite();
     context = await chromium.launchPersistentContext(join(root, 'profile'), {
       executablePath: '/usr/bin/chromium',
       headless: true,
@@ -126,12 +159,81 @@ async function main() {
     assert.equal(await page.locator('#dropProgress').evaluate((e) => e.value), 1);
     assert.deepEqual(readFileSync(join(uploads, 'dropped.bin')), dropped);
 
-    assert.deepEqual(readdirSync(uploads).sort(), ['dropped.bin', 'first.txt', 'second.bin']);
+    // The owner's own file, stored through the demo page: what the other site tries to replace.
+    const victim = 'stored by the owner through the upload page\n';
+    await page.setInputFiles('#files',
+                             [{ name: 'victim.txt', mimeType: 'text/plain', buffer: Buffer.from(victim) }]);
+    await page.click('#submit');
+    assert.deepEqual(await resultOf(page, '#formResult'), { text: 'SUCCESS', color: green });
+    const stored = ['dropped.bin', 'first.txt', 'second.bin', 'victim.txt'];
+    assert.deepEqual(readdirSync(uploads).sort(), stored);
+
+    // A page of another site posts its own victim.txt with a form on load, then no-cors.txt and
+    // cors.txt with fetch. The server's log proves each request really left the browser (so
+    // "nothing stored" is not the browser's doing) and was refused before its body was read.
+    const attacker = await context.newPage();
+    await attacker.goto(site.attack(`${server.url}users`, 'victim.txt'));
+    await attacker.waitForFunction(() => window.frameLoads > 0, null, { timeout: 20000 });
+    const formLine = await logLine(server, '/users?attack=form');
+    const noCors = await attacker.evaluate(() => window.send('no-cors.txt', 'no-cors'));
+    const noCorsLine = await logLine(server, '/users?attack=no-cors');
+    const cors = await attacker.evaluate(() => window.send('cors.txt', 'cors'));
+    const corsLine = await logLine(server, '/users?attack=cors');
+    // Read after the fetches: a message the frame's answer posted would have arrived by then.
+    const messages = await attacker.evaluate(() => window.messages);
+
+    // Each attack is judged on its own, so one run names every protection that is missing.
+    const refused = new RegExp(` 403 0 \\d+ms \\(.*Origin ${site.origin}\\b`);
+    const failures = [];
+    const verify = (what, check) => {
+      try {
+        check();
+      } catch (error) {
+        if (!(error instanceof assert.AssertionError)) {
+          throw error;
+        }
+        failures.push(`${what}: ${error.message}`);
+      }
+    };
+    verify('form from another site', () => {
+      assert.equal(readFileSync(join(uploads, 'victim.txt'), 'utf8'), victim);
+      assert.match(formLine, refused);
+    });
+    verify('fetch in no-cors mode', () => {
+      assert.ok(!existsSync(join(uploads, 'no-cors.txt')), 'no-cors.txt was stored');
+      assert.equal(noCors, 'opaque 0');
+      assert.match(noCorsLine, refused);
+    });
+    // Multipart is a simple request: the browser sends it without asking first and only then
+    // hides the answer from the page, so the server alone decides whether anything is stored.
+    verify('fetch in cors mode', () => {
+      assert.ok(!existsSync(join(uploads, 'cors.txt')), 'cors.txt was stored');
+      assert.equal(cors, 'TypeError');
+      assert.match(corsLine, refused);
+    });
+    // The refusal is plain text, not a result page: the other site hears nothing.
+    verify('messages to the page of another site', () => assert.deepEqual(messages, []));
+    verify('upload directory', () => assert.deepEqual(readdirSync(uploads).sort(), stored));
+    if (failures.length > 0) {
+      throw new Error(`uploads from another site were not refused:\n${failures.join('\n')}`);
+    }
+
+    // A site listed with --allow-origin embeds the upload on purpose: the same form stores its
+    // file there, and the result page's message reaches the embedding page.
+    const listed = join(root, 'listed');
+    const listing = await startServer(children, listed, ['--allow-origin', site.origin]);
+    await attacker.goto(site.attack(`${listing.url}users`, 'victim.txt'));
+    assert.match(await logLine(listing, '/users?attack=form'), / 200 \d+ \d+ms$/);
+    assert.deepEqual(readdirSync(listed), ['victim.txt']);
+    assert.equal(readFileSync(join(listed, 'victim.txt'), 'utf8'), plantedContent);
+    await attacker.waitForFunction(() => window.messages.length > 0, null, { timeout: 20000 });
+    assert.deepEqual(await attacker.evaluate(() => window.messages), ['SUCCESS']);
     console.log('browser test: passed');
   } finally {
     clearTimeout(deadline);
     await context?.close().catch(() => {});
     await Promise.all(children.map(stop));
+    site?.close();
     rmSync(root, { recursive: true, force: true });
   }
 }
