@@ -173,8 +173,9 @@ struct Shared {
                                         serverOptions.maxConnectionsPerClient,
                                         serverOptions.minBodyRate})
         , services(std::max(1u, serverOptions.serviceThreads))
-        , drainTimer(context)
-        , reportTimer(context) {
+        , control(net::make_strand(context))
+        , drainTimer(control)
+        , reportTimer(control) {
         // Kept bodies are a cache: they give way to a request that needs their memory.
         budget.setReclaimer([this](std::uint64_t needed) { bodies.reclaim(needed); });
     }
@@ -187,6 +188,9 @@ struct Shared {
     ConnectionTable table;
     EventLog events;
     net::thread_pool services;
+    // The server-wide timers run on one strand: a stop, the last session leaving and the
+    // report may come from any IO thread.
+    net::strand<net::io_context::executor_type> control;
     net::steady_timer drainTimer;
     net::steady_timer reportTimer;
     std::atomic<bool> stopping{false};
@@ -219,8 +223,7 @@ public:
         shared->sessions.erase(id);
         if (shared->stopping.load() && shared->sessions.empty()) {
             // The last one out ends the drain early.
-            net::post(shared->drainTimer.get_executor(),
-                      [state = shared] { state->drainTimer.cancel(); });
+            net::post(shared->control, [state = shared] { state->drainTimer.cancel(); });
         }
     }
 
@@ -755,18 +758,24 @@ private:
             return;
         }
         enter(ConnectionTable::Phase::idle);
+        // Nothing of this request is needed any more: its body and its memory go now, not
+        // after the drain.
+        parser.reset();
+        discardParser.reset();
+        partCheck.reset();
+        verdict = Verdict();
+        buffer.consume(buffer.size());
         stream.expires_after(drainLimit);
         doDrain();
     }
 
     void doDrain() {
-        stream.async_read_some(
-            buffer.prepare(std::min<std::size_t>(64 * 1024, buffer.max_size() - buffer.size())),
-            [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                if (!ec && self->cut == Cut::none) {
-                    self->doDrain();
-                }
-            });
+        stream.async_read_some(buffer.prepare(std::min<std::size_t>(64 * 1024, buffer.max_size())),
+                               [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                                   if (!ec && self->cut == Cut::none) {
+                                       self->doDrain();
+                                   }
+                               });
     }
 
     void logRequest(unsigned status, const std::string& detail) {
@@ -1032,17 +1041,14 @@ struct Server::State {
         listener = std::make_shared<Listener>(ioc, tcp::endpoint(address, options.port), shared);
     }
 
+    // On the control strand.
     void beginStop() {
         shared->stopping.store(true);
         listener->stop();
-        const std::vector<std::shared_ptr<Session>> live = liveSessions();
-        for (const auto& session : live) {
-            session->stop();
-        }
-        if (live.empty()) {
-            return;
-        }
-        // Requests in flight get until the shutdown timeout; then what is left is closed.
+        shared->reportTimer.cancel();
+        // Requests in flight get until the shutdown timeout; then what is left is closed. The
+        // last session to go cancels the wait (after this, on this strand), unless none is left
+        // by now.
         shared->drainTimer.expires_after(shared->options.shutdownTimeout);
         shared->drainTimer.async_wait([this](beast::error_code ec) {
             if (ec) {
@@ -1055,6 +1061,13 @@ struct Server::State {
                 session->abort();
             }
         });
+        const std::vector<std::shared_ptr<Session>> live = liveSessions();
+        for (const auto& session : live) {
+            session->stop();
+        }
+        if (live.empty()) {
+            shared->drainTimer.cancel();
+        }
     }
 
     std::vector<std::shared_ptr<Session>> liveSessions() {
@@ -1069,7 +1082,8 @@ struct Server::State {
     }
 
     // Once a second: the counted connection events go to the log, and after a burst of
-    // uploads, once none is in service, the allocator hands its free memory back.
+    // uploads, once none is in service, the allocator hands its free memory back. On the
+    // control strand.
     void report(Clock::time_point last) {
         const Clock::time_point now = Clock::now();
         shared->events.flush(now - last);
@@ -1120,12 +1134,11 @@ void Server::run() {
     // Signals wait only once: after the first, the server is already on its way out.
     state->signals.async_wait([this](beast::error_code ec, int) {
         if (!ec) {
-            state->beginStop();
-            state->shared->reportTimer.cancel();
+            net::dispatch(state->shared->control, [this] { state->beginStop(); });
         }
     });
     state->listener->run();
-    state->report(Clock::now());
+    net::dispatch(state->shared->control, [this] { state->report(Clock::now()); });
 
     std::vector<std::thread> threads;
     const unsigned count = std::max(1u, state->shared->options.threads);
