@@ -21,6 +21,7 @@ import contextlib
 import ctypes
 import dataclasses
 import os
+import re
 import resource
 import shutil
 import signal
@@ -413,6 +414,12 @@ async def flood_row(ctx, row, mode, sources, *flags):
     if len(sources) == 1:
         row.check(flood.held <= PER_CLIENT_CAP, "%d connections of one client held open > %d"
                   % (flood.held, PER_CLIENT_CAP))
+    # The server says at start how many connections it keeps; closing one for room must
+    # close it, not just stop counting it. Unless the row sets a limit above the descriptors.
+    limit = re.search(r"(\d+) connections \(", server.logged())
+    if limit and not flags:
+        row.check(flood.held <= int(limit.group(1)), "%d connections held open > the limit %s"
+                  % (flood.held, limit.group(1)))
     await still_serving(ctx, row, server)
 
 
