@@ -248,24 +248,13 @@ bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t max
               const RequestGate& gate, RecordingScanner& scanner) {
     using Stage = RequestGate::Stage;
     Verdict verdict;
-    bool overBudget = false;
     http::request_parser<kestrin::host::DataBufferBody> parser;
     std::function<std::size_t(std::uint64_t, beast::string_view, beast::error_code&)> chunkBody =
-        [&](std::uint64_t, beast::string_view piece, beast::error_code& ec) -> std::size_t {
-        switch (gate.appendToBody(parser.get().body(), std::string_view(piece.data(), piece.size()),
-                                  verdict.charge)) {
-        case RequestGate::Growth::appended:
-            return piece.size();
-        case RequestGate::Growth::overBudget:
-            overBudget = true;
-            ec = http::error::body_limit;
-            return 0;
-        case RequestGate::Growth::outOfMemory:
-            break;
-        }
-        ec = boost::system::errc::make_error_code(boost::system::errc::not_enough_memory);
-        return 0;
-    };
+        [&](std::uint64_t, beast::string_view piece, beast::error_code& ec) {
+            return gate.appendChunk(parser.get().body(),
+                                    std::string_view(piece.data(), piece.size()), verdict.charge,
+                                    ec);
+        };
     parser.header_limit(headerLimit);
     parser.body_limit(maxBody);
     parser.on_chunk_body(chunkBody);
@@ -303,9 +292,6 @@ bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t max
     }
     while (!parser.is_done()) {
         http::read_some(client, buffer, parser, ec);
-        if (overBudget) {
-            return sendReply(gate.bodyOverBudget(), version, keepAlive, false);
-        }
         if (ec) {
             if (std::optional<Reply> reply = gate.onReadError(ec, Stage::body)) {
                 sendReply(std::move(*reply), version, keepAlive, false);

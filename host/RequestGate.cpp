@@ -259,6 +259,11 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
     if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
         return refuseAndClose(413, "Payload Too Large", "");
     }
+    if (ec == boost::system::errc::file_too_large) {
+        return refuseAndClose(
+            413, "Payload Too Large: the body no longer fits in the memory of this server",
+            "body without a length grew past the memory budget");
+    }
     if (ec == boost::system::errc::not_enough_memory) {
         Reply reply =
             refuseAndClose(503, "Service Unavailable: not enough memory for this request body",
@@ -290,30 +295,27 @@ Reply RequestGate::timedOut(Stage stage) const {
         "body stalled or below the minimum rate");
 }
 
-Reply RequestGate::bodyOverBudget() const {
-    return refuseAndClose(413,
-                          "Payload Too Large: the body no longer fits in the memory of this server",
-                          "body without a length grew past the memory budget");
-}
-
-RequestGate::Growth RequestGate::appendToBody(common::DataBuffer& body, std::string_view piece,
-                                              MemoryBudget::Reservation& charge) const {
+std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view piece,
+                                     MemoryBudget::Reservation& charge,
+                                     boost::beast::error_code& ec) const {
     const std::size_t needed = body.getSize() + piece.size();
     if (needed > body.getCapacity()) {
         // The buffer's own growth, so the charge covers what it will really take.
         const std::size_t capacity = std::max(2 * body.getCapacity(), needed);
         const std::uint64_t due = chargeFor(capacity);
         if (budget != nullptr && due > charge.bytes() && !charge.grow(due - charge.bytes())) {
-            return Growth::overBudget;
+            ec = boost::system::errc::make_error_code(boost::system::errc::file_too_large);
+            return 0;
         }
         try {
             body.reserve(capacity);
         } catch (const std::runtime_error&) {
-            return Growth::outOfMemory;
+            ec = boost::system::errc::make_error_code(boost::system::errc::not_enough_memory);
+            return 0;
         }
     }
     body.append(reinterpret_cast<const std::uint8_t*>(piece.data()), piece.size());
-    return Growth::appended;
+    return piece.size();
 }
 
 RequestGate::Clock::time_point RequestGate::headDeadline(Clock::time_point firstByte) const {

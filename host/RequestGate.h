@@ -95,15 +95,14 @@ public:
                                                    Stage stage) const;
     // The answer to a client that fell behind the deadline of its head or its body.
     [[nodiscard]] Reply timedOut(Stage stage) const;
-    // The answer to a body without a length that grew past what the budget can give it.
-    [[nodiscard]] Reply bodyOverBudget() const;
 
-    enum class Growth { appended, overBudget, outOfMemory };
     // Appends a piece of a body without a length (a chunk), first charging charge for the room
-    // the body grows by: such a body was admitted with nothing and must earn every byte. On
-    // failure the body and the charge stay as they were.
-    [[nodiscard]] Growth appendToBody(common::DataBuffer& body, std::string_view piece,
-                                      MemoryBudget::Reservation& charge) const;
+    // the body grows by: such a body was admitted with nothing and must earn every byte.
+    // Returns the bytes taken, as the parser's chunk callback does; on failure none, the body
+    // and the charge as they were, and ec a failure that onReadError answers (413 once the body
+    // no longer fits the budget, 503 when memory runs out).
+    std::size_t appendChunk(common::DataBuffer& body, std::string_view piece,
+                            MemoryBudget::Reservation& charge, boost::beast::error_code& ec) const;
 
     // By when a head whose first byte came at firstByte must be complete.
     Clock::time_point headDeadline(Clock::time_point firstByte) const;

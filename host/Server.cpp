@@ -333,7 +333,6 @@ private:
         bytesIn = 0;
         directLength = 0;
         directRead = 0;
-        overBudget = false;
         verdict = Verdict();
         partCheck.reset();
         discardParser.reset();
@@ -481,28 +480,9 @@ private:
         }
     }
 
-    std::size_t appendChunk(std::uint64_t, beast::string_view piece, beast::error_code& ec) {
-        switch (shared->gate.appendToBody(
-            parser->get().body(), std::string_view(piece.data(), piece.size()), verdict.charge)) {
-        case RequestGate::Growth::appended:
-            return piece.size();
-        case RequestGate::Growth::overBudget:
-            overBudget = true;
-            ec = http::error::body_limit;
-            return 0;
-        case RequestGate::Growth::outOfMemory:
-            break;
-        }
-        ec = boost::system::errc::make_error_code(boost::system::errc::not_enough_memory);
-        return 0;
-    }
-
     void onReadBody(beast::error_code ec, std::size_t count) {
         if (cut != Cut::none) {
             return onCut(RequestGate::Stage::body);
-        }
-        if (overBudget) {
-            return sendReply(shared->gate.bodyOverBudget());
         }
         if (ec) {
             return onReadFailure(ec, RequestGate::Stage::body);
@@ -815,8 +795,10 @@ private:
     std::optional<http::request_parser<DiscardBody>> discardParser;
     // Beast holds the chunk callback by reference: it lives as long as the session.
     std::function<std::size_t(std::uint64_t, beast::string_view, beast::error_code&)> chunkBody =
-        [this](std::uint64_t remain, beast::string_view piece, beast::error_code& ec) {
-            return appendChunk(remain, piece, ec);
+        [this](std::uint64_t, beast::string_view piece, beast::error_code& ec) {
+            return shared->gate.appendChunk(parser->get().body(),
+                                            std::string_view(piece.data(), piece.size()),
+                                            verdict.charge, ec);
         };
     Verdict verdict;
     std::optional<PartHeaderCheck> partCheck;
@@ -832,7 +814,6 @@ private:
     unsigned version = 11;
     bool keepAlive = false;
     bool requestRead = false;     // the whole request, body included, has been consumed
-    bool overBudget = false;      // a chunked body outgrew the memory budget
     bool closeAfterReply = false; // evicted while busy: finish this request, then close
     bool quiet = false;           // a refusal counted in the event log, not logged alone
 };

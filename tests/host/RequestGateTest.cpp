@@ -170,8 +170,8 @@ TEST(RequestGate, everyRequestNeedsCredentialsWhenAuthenticationIsOn) {
             EXPECT_EQ(header(refused.reply, "WWW-Authenticate"), std::string(BasicAuth::challenge));
             // A guess waits for its answer; a browser's first request, without credentials,
             // does not.
-            EXPECT_EQ(refused.delay, fields.empty() ? std::chrono::milliseconds(0)
-                                                    : RequestGate::refusalDelay);
+            EXPECT_EQ(refused.delay,
+                      fields.empty() ? std::chrono::milliseconds(0) : RequestGate::refusalDelay);
         }
         const Verdict granted = decide(gate, basic("alice:s3cret: yes"), start);
         EXPECT_NE(granted.reply.status, 401u);
@@ -214,18 +214,25 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
 
     common::DataBuffer body;
     const std::string piece(300, 'x');
+    beast::error_code ec;
     for (int i = 0; i < 4; ++i) {
-        ASSERT_EQ(gate.appendToBody(body, piece, chunked.charge), RequestGate::Growth::appended);
+        ASSERT_EQ(gate.appendChunk(body, piece, chunked.charge, ec), piece.size());
+        ASSERT_FALSE(ec);
         EXPECT_EQ(chunked.charge.bytes(), RequestGate::chargeFor(body.getCapacity()));
     }
-    // The next growth would pass the budget: nothing changes, and the session answers 413.
+    // The next growth would pass the budget: nothing changes, and the read fails with 413.
     const std::string large(budget.limit() / 2, 'y');
     const std::size_t size = body.getSize();
     const std::uint64_t charged = chunked.charge.bytes();
-    EXPECT_EQ(gate.appendToBody(body, large, chunked.charge), RequestGate::Growth::overBudget);
+    EXPECT_EQ(gate.appendChunk(body, large, chunked.charge, ec), 0u);
     EXPECT_EQ(body.getSize(), size);
     EXPECT_EQ(chunked.charge.bytes(), charged);
     EXPECT_EQ(budget.used(), charged);
+    const std::optional<Reply> answer = gate.onReadError(ec, RequestGate::Stage::body);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 413u);
+    EXPECT_EQ(text(*answer),
+              "Payload Too Large: the body no longer fits in the memory of this server\n");
 }
 
 TEST(RequestGate, routesTheRestAsBeforeAndReadsTheBoundary) {
@@ -281,12 +288,9 @@ TEST(RequestGate, readFailuresAreAnsweredWhileSomeoneListensAndTheirDeadlinesHol
             EXPECT_TRUE(reply->close);
         }
     }
-    const std::pair<Reply, unsigned> late[] = {{gate.timedOut(Stage::head), 408},
-                                                {gate.timedOut(Stage::body), 408},
-                                                {gate.bodyOverBudget(), 413}};
-    for (const auto& [reply, status] : late) {
-        EXPECT_EQ(reply.status, status);
-        EXPECT_TRUE(reply.close);
+    for (const Stage stage : {Stage::head, Stage::body}) {
+        EXPECT_EQ(gate.timedOut(stage).status, 408u);
+        EXPECT_TRUE(gate.timedOut(stage).close);
     }
 
     const Clock::time_point start{};
