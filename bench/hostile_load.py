@@ -36,8 +36,9 @@ from collections import Counter
 # Starting the server and reading its pages work as in the end-to-end tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
 import serverlib  # noqa: E402
-from hostile_client import (BOUNDARY, CLOSING, GOOD_SOURCE, MIB, Connection,  # noqa: E402
-                            exchange, finish, part_head, repeated, request_head, small_body)
+from hostile_client import (BOUNDARY, CLOSING, GOOD_SOURCE, MIB, Answer,  # noqa: E402
+                            Connection, exchange, finish, part_head, repeated, request_head,
+                            small_body)
 from serverlib import SUCCESS_PAGE, Server, StartError, page_message  # noqa: E402
 
 # All of 127/8 is loopback on Linux: attackers look like 39 different clients.
@@ -447,6 +448,62 @@ async def big_uploads(ctx, row):
     await still_serving(ctx, row, server)
 
 
+async def hog(server, source, size, seconds):
+    """Announces an upload of size bytes and sends 2 KiB of it a second, above the minimum
+    rate: it holds its share of the memory budget until the server takes it back. Returns the
+    answer it got, or "open"."""
+    try:
+        connection = await Connection.open(server.port, source)
+    except (OSError, TimeoutError):
+        return Answer(what="no connection")
+
+    async def send():
+        await connection.send(request_head(server.port, size) + part_head(b"hog.bin"))
+        for _ in range(seconds):
+            await connection.send(BLOCK[:2048])
+            await asyncio.sleep(1)
+
+    sender = asyncio.create_task(send())
+    try:
+        return await asyncio.wait_for(connection.read_answer(), seconds)
+    except TimeoutError:
+        return Answer(what="open")
+    finally:
+        await finish(sender)
+        connection.close()
+
+
+async def memory_hogs(ctx, row):
+    form = ctx.form
+    size = min(form.big_budget_mib // 5, 512) * MIB
+    count = form.big_budget_mib * MIB // (2 * size) + 1
+    server = ctx.start("--max-memory", "%dM" % form.big_budget_mib)
+    with row.measure(server):
+        hogs = [asyncio.create_task(hog(server, ATTACK_SOURCES[i % len(ATTACK_SOURCES)], size, 60))
+                for i in range(count)]
+        # Past their grace, the hogs hold the budget; an upload that needs memory gets 503
+        # and makes the slowest of them yield, so its retry fits.
+        await asyncio.sleep(2)
+        started = time.monotonic()
+        tries = []
+        for _ in range(4):
+            answer = await upload_large(server, "wanted.bin", size)
+            tries.append(answer.label)
+            if answer.label != "503":
+                break
+            await asyncio.sleep(1)
+        took = time.monotonic() - started
+        row.good = await good_upload(ctx, server)
+        await finish(*hogs)
+    for task in hogs:
+        if not task.cancelled() and task.exception() is None:
+            row.record(task.result())
+    row.notes.append("wanted upload: %s in %.1f s" % (" then ".join(tries), took))
+    row.check(tries[-1] == "200" and answer.whole, "the wanted upload never got in: %s" % tries)
+    row.check_peak(form.big_budget_mib + 64)
+    await still_serving(ctx, row, server)
+
+
 async def long_name(ctx, row):
     server = ctx.start()
     name_length = ctx.form.name_mib * MIB
@@ -680,6 +737,8 @@ def rows_of(form):
     return [
         ("1", "%d x %d MiB uploads" % (f.big_count, f.big_mib),
          "200 whole or early 503+RA, RSS<=%dM" % (f.big_budget_mib + 64), big_uploads),
+        ("1b", "memory held by trickling bodies", "wanted upload 200 after 503, RSS<=%dM"
+         % (f.big_budget_mib + 64), memory_hogs),
         ("2", "file name of %d MiB" % f.name_mib, "4xx, RSS<=3xbody+64M", long_name),
         ("3", "chunked body past budget", "early 413, RSS<=128M", chunked_growth),
         ("4", "%d idle connections" % f.flood_count, flood,

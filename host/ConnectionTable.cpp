@@ -1,5 +1,6 @@
 #include "host/ConnectionTable.h"
 
+#include <limits>
 #include <tuple>
 #include <utility>
 
@@ -38,7 +39,7 @@ ConnectionTable::Admission ConnectionTable::admit(const std::string& client,
         return admission;
     }
     admission.id = nextId++;
-    entries.emplace(admission.id, Entry{client, Phase::idle, now, 0, false});
+    entries.emplace(admission.id, Entry{client, Phase::idle, now, 0, 0, false});
     ++perClient[client];
     ++counted;
     return admission;
@@ -63,6 +64,7 @@ void ConnectionTable::enter(Id id, Phase phase, Clock::time_point now) {
         entry->second.phase = phase;
         entry->second.since = now;
         entry->second.bodyBytes = 0;
+        entry->second.announced = 0;
     }
 }
 
@@ -72,6 +74,41 @@ void ConnectionTable::received(Id id, std::uint64_t bytes) {
     if (entry != entries.end()) {
         entry->second.bodyBytes += bytes;
     }
+}
+
+void ConnectionTable::expect(Id id, std::uint64_t bodyBytes) {
+    std::lock_guard<std::mutex> guard(mutex);
+    const auto entry = entries.find(id);
+    if (entry != entries.end()) {
+        entry->second.announced = bodyBytes;
+    }
+}
+
+std::optional<ConnectionTable::Id> ConnectionTable::evictSlowestBody(Clock::time_point now,
+                                                                     Clock::duration horizon) {
+    std::lock_guard<std::mutex> guard(mutex);
+    std::optional<Id> slowest;
+    long double longest = 0; // seconds still to go at the pace kept
+    const long double limit = std::chrono::duration<long double>(horizon).count();
+    for (const auto& [id, entry] : entries) {
+        const long double age = std::chrono::duration<long double>(now - entry.since).count();
+        if (entry.evicted || entry.phase != Phase::body || entry.announced <= entry.bodyBytes ||
+            now - entry.since < limits.evictableAfter) {
+            continue;
+        }
+        const long double left = static_cast<long double>(entry.announced - entry.bodyBytes);
+        const long double toGo = entry.bodyBytes == 0
+                                     ? std::numeric_limits<long double>::infinity()
+                                     : left * age / static_cast<long double>(entry.bodyBytes);
+        if (toGo > limit && (!slowest || toGo > longest)) {
+            slowest = id;
+            longest = toGo;
+        }
+    }
+    if (slowest) {
+        evictLocked(*slowest);
+    }
+    return slowest;
 }
 
 void ConnectionTable::remove(Id id) {

@@ -67,11 +67,19 @@ public:
     // to anyone: the system is out of descriptors, whatever the limit says. The caller closes
     // the returned connection.
     [[nodiscard]] std::optional<std::pair<Id, Phase>> evictOne(Clock::time_point now);
+    // An upload waits for memory: takes the connection whose body, at the pace it has kept,
+    // would hold its memory the longest, if that is longer than horizon. A body trickling at the
+    // minimum rate could otherwise hold a large share of the budget for days. The caller closes
+    // the returned connection; its memory comes back when it is gone.
+    [[nodiscard]] std::optional<Id> evictSlowestBody(Clock::time_point now,
+                                                     Clock::duration horizon);
 
     // A connection changed phase; its clock for that phase starts now.
     void enter(Id id, Phase phase, Clock::time_point now);
     // Body bytes arrived on a connection in its body phase.
     void received(Id id, std::uint64_t bytes);
+    // The body a connection in its body phase announced, whose memory it holds meanwhile.
+    void expect(Id id, std::uint64_t bodyBytes);
     // The connection is gone. Runs the room callback, if one waits and a slot is now free.
     void remove(Id id);
     // Called once, on whatever thread frees the next slot, unless there is a free slot
@@ -86,6 +94,7 @@ private:
         Phase phase;
         Clock::time_point since;
         std::uint64_t bodyBytes;
+        std::uint64_t announced;
         bool evicted;
     };
 

@@ -240,6 +240,7 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
                                  std::to_string(budget->limit()) + " in use, " +
                                  std::to_string(needed) + " needed");
         reply.headers.emplace_back("Retry-After", "5");
+        verdict.waitsForMemory = true;
         return reply;
     }
     verdict.charge = std::move(*charge);

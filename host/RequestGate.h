@@ -54,6 +54,8 @@ struct Verdict {
     // How long to hold an answer back: a client guessing passwords waits for each answer, so
     // each of its connections guesses at most once a second.
     std::chrono::milliseconds delay{0};
+    // Refused because the memory budget is spent for now: the slowest body may have to yield.
+    bool waitsForMemory = false;
 };
 
 // Decides, from a request's head alone, whether and how the server serves it: framing,

@@ -155,6 +155,14 @@ private:
 };
 
 class Session;
+struct Shared;
+
+// Closes the connection the table took a slot or memory from, if it is still there.
+void evictSession(Shared& shared, ConnectionTable::Id id);
+
+// While uploads wait for memory, a body that would hold its share longer than this at the pace
+// it keeps is closed: at the minimum rate, one announced large body held memory for days.
+constexpr std::chrono::minutes slowBodyHorizon{10};
 
 // What every session shares with the server: its settings, the gate, the service threads,
 // the memory budget, the connection table, the stop flag and the live sessions (so a stop, or
@@ -390,6 +398,12 @@ private:
         verdict = shared->gate.decide(request, parser->content_length(), client);
         switch (verdict.kind) {
         case Verdict::Kind::answer:
+            if (verdict.waitsForMemory) {
+                if (const auto slowest =
+                        shared->table.evictSlowestBody(Clock::now(), slowBodyHorizon)) {
+                    evictSession(*shared, *slowest);
+                }
+            }
             if (verdict.delay.count() > 0) {
                 return sendLater(verdict.delay);
             }
@@ -447,6 +461,10 @@ private:
 
     void startBody() {
         enter(ConnectionTable::Phase::body);
+        if (const auto length =
+                discardParser ? discardParser->content_length() : parser->content_length()) {
+            shared->table.expect(id, *length);
+        }
         bodyStarted = Clock::now();
         stream.expires_never();
         doReadBody();
@@ -818,6 +836,20 @@ private:
     bool quiet = false;           // a refusal counted in the event log, not logged alone
 };
 
+void evictSession(Shared& shared, ConnectionTable::Id id) {
+    std::shared_ptr<Session> victim;
+    {
+        std::lock_guard<std::mutex> guard(shared.mutex);
+        const auto found = shared.sessions.find(id);
+        if (found != shared.sessions.end()) {
+            victim = found->second.lock();
+        }
+    }
+    if (victim) {
+        victim->evict();
+    }
+}
+
 // Accepts connections and starts a session for each, within the connection table's limits:
 // when there is no slot and none worth taking, it stops accepting until one frees, and when
 // accept itself fails it backs off instead of retrying at once.
@@ -919,7 +951,7 @@ private:
             if (ec == net::error::no_descriptors ||
                 ec == boost::system::errc::too_many_files_open_in_system) {
                 if (const auto victim = shared->table.evictOne(Clock::now())) {
-                    evictSession(victim->first);
+                    evictSession(*shared, victim->first);
                 }
             }
             backoff = std::clamp(backoff * 2, firstBackoff, lastBackoff);
@@ -950,23 +982,9 @@ private:
             return refuse(std::move(socket), clientFull);
         }
         if (admission.victim) {
-            evictSession(*admission.victim);
+            evictSession(*shared, *admission.victim);
         }
         std::make_shared<Session>(std::move(socket), shared, admission.id, client)->run();
-    }
-
-    void evictSession(ConnectionTable::Id id) {
-        std::shared_ptr<Session> victim;
-        {
-            std::lock_guard<std::mutex> guard(shared->mutex);
-            const auto found = shared->sessions.find(id);
-            if (found != shared->sessions.end()) {
-                victim = found->second.lock();
-            }
-        }
-        if (victim) {
-            victim->evict();
-        }
     }
 
     // A connection with no slot gets a short answer without its request being read, and is

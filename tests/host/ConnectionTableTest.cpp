@@ -110,6 +110,34 @@ TEST(ConnectionTable, runningOutOfDescriptorsTakesASlotWorthTakingEvenBelowTheLi
     EXPECT_EQ(table.evictOne(start + seconds(2)), std::nullopt);
 }
 
+// A body announced large and sent slowly holds its memory for as long as it takes: when an
+// upload waits for memory, the body that would hold it longest at its pace yields, provided
+// that is longer than the horizon.
+TEST(ConnectionTable, anUploadWaitingForMemoryTakesItFromTheSlowestLargeBody) {
+    ConnectionTable table(limits(10, 10));
+    const auto trickle = admitted(table, "a", start);
+    const auto steady = admitted(table, "b", start);
+    const auto silent = admitted(table, "c", start + seconds(9));
+    const auto young = admitted(table, "d", start);
+    table.enter(trickle, Phase::body, start);
+    table.expect(trickle, 1'000'000);
+    table.received(trickle, 1000); // 999 s to go at 100 bytes a second
+    table.enter(steady, Phase::body, start);
+    table.expect(steady, 1'000'000);
+    table.received(steady, 500'000); // 10 s to go
+    table.enter(silent, Phase::body, start + seconds(9));
+    table.expect(silent, 1'000'000); // nothing in a second: forever to go
+    table.enter(young, Phase::body, start + milliseconds(9900));
+    table.expect(young, 1'000'000); // not judged yet
+    const Clock::time_point now = start + seconds(10);
+
+    EXPECT_EQ(table.evictSlowestBody(now, seconds(60)), silent);
+    EXPECT_EQ(table.evictSlowestBody(now, seconds(60)), trickle);
+    EXPECT_EQ(table.evictSlowestBody(now, seconds(60)), std::nullopt);
+    EXPECT_EQ(table.evictSlowestBody(now, seconds(5)), steady);
+    EXPECT_EQ(table.size(), 1u);
+}
+
 TEST(ConnectionTable, aWaitForRoomEndsWithTheFirstFreedSlotOrAtOnce) {
     ConnectionTable table(limits(1, 1));
     int calls = 0;

@@ -195,12 +195,14 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
     const Verdict second = decide(gate, announced);
     EXPECT_EQ(second.reply.status, 503u);
     EXPECT_EQ(header(second.reply, "Retry-After"), "5");
+    EXPECT_TRUE(second.waitsForMemory);
     EXPECT_EQ(budget.used(), needed);
 
     // A body that could never fit is told so, not to come back.
     const Verdict never =
         decide(gate, "Content-Length: " + std::to_string(budget.limit() / 2) + "\r\n");
     EXPECT_EQ(never.reply.status, 413u);
+    EXPECT_FALSE(never.waitsForMemory);
 
     first = Verdict();
     EXPECT_EQ(budget.used(), 0u);
