@@ -649,8 +649,10 @@ async def burst_then_idle(ctx, row):
     form = ctx.form
     server = ctx.start("--keep-body-memory", "0")
     with row.measure(server) as meter:
+        # From many addresses, so that no client's connection limit cuts the burst short.
         uploads = [asyncio.create_task(upload_large(server, "burst-%d.bin" % i,
-                                                    form.burst_mib * MIB))
+                                                    form.burst_mib * MIB,
+                                                    ATTACK_SOURCES[i % len(ATTACK_SOURCES)]))
                    for i in range(form.burst_count)]
         answers = [row.record(answer) for answer in await asyncio.gather(*uploads)]
         row.good = await good_upload(ctx, server)
