@@ -255,10 +255,10 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
                                               Stage stage) const {
     if (ec == http::error::header_limit ||
         (stage == Stage::head && ec == http::error::buffer_overflow)) {
-        return refuseAndClose(431, "Request Header Fields Too Large", "");
+        return refuseAndClose(431, "Request Header Fields Too Large", "request head over 16 KiB");
     }
     if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
-        return refuseAndClose(413, "Payload Too Large", "");
+        return refuseAndClose(413, "Payload Too Large", "body over the body limit");
     }
     if (ec == boost::system::errc::file_too_large) {
         return refuseAndClose(

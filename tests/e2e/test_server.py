@@ -8,9 +8,11 @@ The server binary comes from KESTRIN_SERVER (set by CTest) or the first argument
 
 import hashlib
 import os
+import re
 import signal
 import subprocess
 import sys
+import time
 import unittest
 
 import serverlib
@@ -94,6 +96,31 @@ class UploadTest(ServerTestCase):
                     reply += chunk
                 self.assertTrue(reply.startswith(b"HTTP/1.1 200 OK\r\n"), reply)
                 self.assertNotIn(b"Connection: close", reply)
+
+
+class RefusalFloodTest(ServerTestCase):
+    def test_a_flood_of_refusals_is_counted_not_logged_line_by_line(self):
+        # 120 refused requests on one connection, sent at once: a few dozen lines at the most,
+        # the rest counted in the once-a-second summary; none lost.
+        count = 120
+        with self.server.connect() as connection:
+            connection.sendall(b"GET /flood%zz HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n" * count)
+            received = b""
+            while received.count(b"HTTP/1.1 400 ") < count:
+                chunk = connection.recv(1 << 16)
+                self.assertTrue(chunk, received[-300:])
+                received += chunk
+        summary = re.compile(r"refused requests not logged one by one x(\d+)")
+        deadline = time.monotonic() + 10
+        while True:
+            log = self.server.logged()
+            lines = sum("GET /flood%zz 400" in line for line in log.splitlines())
+            counted = sum(int(n) for n in summary.findall(log))
+            if lines + counted >= count or time.monotonic() > deadline:
+                break
+            time.sleep(0.05)
+        self.assertLessEqual(lines, 100)  # 50 a second, and the flood may straddle two
+        self.assertEqual(lines + counted, count)
 
 
 class ShutdownTest(ServerTestCase):
