@@ -25,8 +25,10 @@ struct DiskFileService::ScopeState {
     std::mutex mutex;
     std::size_t admitted = 0; // files queued, being written or stored
     std::size_t stored = 0;
-    bool finished = false;       // the scope has synced, or decided it need not
-    bool renamesPending = false; // renames done and not yet made durable by the scope
+    std::vector<StoredFile> storedFiles; // the first recordLimit of them
+    std::vector<std::string> failures;   // the first recordLimit of them
+    bool finished = false;               // the scope has synced, or decided it need not
+    bool renamesPending = false;         // renames done and not yet made durable by the scope
 };
 
 namespace {
@@ -38,8 +40,38 @@ thread_local DiskFileService::RequestScope* activeScope = nullptr;
 // Client text quoted in an error message is cut to this many bytes.
 constexpr std::size_t echoLimit = 200;
 
-std::runtime_error systemError(const std::string& what) {
-    return std::runtime_error(what + ": " + std::strerror(errno));
+// A system call's refusal. Its text is what the client has always been told; its cause tells
+// the server's log, which needs no guess from the text, whether the server is at fault.
+class SystemFailure : public std::runtime_error {
+public:
+    SystemFailure(const std::string& what, int error)
+        : std::runtime_error(what + ": " + std::strerror(error))
+        , cause(error) {}
+
+    int cause;
+};
+
+SystemFailure systemError(const std::string& what) {
+    return SystemFailure(what, errno);
+}
+
+// "name (n).ext": the number goes before the extension, the part from the last dot on,
+// unless that dot starts the name: ".profile" has none and becomes ".profile (n)".
+std::string numberedName(const std::string& name, unsigned number) {
+    const std::size_t dot = name.rfind('.');
+    const std::size_t end = dot == std::string::npos || dot == 0 ? name.size() : dot;
+    return name.substr(0, end) + " (" + std::to_string(number) + ")" + name.substr(end);
+}
+
+int renameFile(const char* from, const char* to, unsigned flags) {
+    // Plain rename where nothing more is asked: it works on every filesystem and kernel.
+    return flags == 0 ? ::rename(from, to) : ::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags);
+}
+
+template <typename Item> void keepFirst(std::vector<Item>& kept, Item&& item) {
+    if (kept.size() < DiskFileService::RequestScope::recordLimit) {
+        kept.push_back(std::move(item));
+    }
 }
 
 bool isControl(unsigned char byte) {
@@ -158,8 +190,11 @@ void writeThrough(int fd, const uint8_t* bytes, size_t count) {
 } // namespace
 
 DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned writerCount,
-                                 DirectorySync directorySync)
-    : syncDirectory(directorySync ? std::move(directorySync) : DirectorySync(&::fsync)) {
+                                 DirectorySync directorySync, ConflictPolicy onConflict,
+                                 MoveFile move)
+    : syncDirectory(directorySync ? std::move(directorySync) : DirectorySync(&::fsync))
+    , conflictPolicy(onConflict)
+    , moveFile(move ? std::move(move) : MoveFile(&renameFile)) {
     std::unique_ptr<char, decltype(&std::free)> resolved(
         ::realpath(uploadDirectory.c_str(), nullptr), &std::free);
     if (!resolved) {
@@ -246,14 +281,22 @@ void DiskFileService::run() {
         lock.unlock();
         std::optional<file_common::v1::FileInfo> stored;
         std::exception_ptr failure;
+        int cause = 0;
         try {
             stored.emplace(store(job));
+        } catch (const SystemFailure& error) {
+            cause = error.cause;
+            failure = std::current_exception();
         } catch (...) {
             failure = std::current_exception();
         }
         if (failure && job.scope) {
             std::lock_guard<std::mutex> guard(job.scope->mutex);
             --job.scope->admitted;
+            if (cause != 0) {
+                keepFirst(job.scope->failures, "cannot store \"" + job.name + "\" in " + directory +
+                                                   ": " + std::strerror(cause));
+            }
         }
         // Resolve outside the handler, handing over the only reference to a failure: a copy
         // released here while the waiter reads it would look like a race to ThreadSanitizer.
@@ -306,7 +349,7 @@ std::string DiskFileService::targetName(const std::u16string& path) const {
 file_common::v1::FileInfo DiskFileService::store(Job& job) const {
     const std::string& name = job.name;
     const file_common::v1::File& file = job.file;
-    const std::string target = directory + "/" + name;
+    std::string storedName;
     std::string temp = directory + "/" + std::string(tempPrefix) + "XXXXXX";
 
     FileDescriptor out(::mkstemp(temp.data()));
@@ -329,12 +372,7 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
         if (::close(out.release()) != 0) {
             throw systemError("Cannot close " + name);
         }
-        const int renamed = job.overwrite ? ::rename(temp.c_str(), target.c_str())
-                                          : ::renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD,
-                                                        target.c_str(), RENAME_NOREPLACE);
-        if (renamed != 0) {
-            throw systemError("Cannot store " + name);
-        }
+        storedName = moveIntoPlace(temp, job);
     } catch (...) {
         ::unlink(temp.c_str());
         throw;
@@ -342,10 +380,12 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
     // The rename is durable only once the directory entry is on disk too. A request's scope
     // syncs the directory once for all its files; a file stored outside one, or after its
     // scope has synced, syncs it here.
+    const uint64_t size = file.content.getSize();
     bool deferred = false;
     if (job.scope) {
         std::lock_guard<std::mutex> guard(job.scope->mutex);
         ++job.scope->stored;
+        keepFirst(job.scope->storedFiles, StoredFile{storedName, size});
         if (!job.scope->finished) {
             job.scope->renamesPending = true;
             deferred = true;
@@ -355,9 +395,75 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
         syncDirectoryEntries();
     }
 
-    file_common::v1::FileInfo info(file.info.path);
-    info.attributes["size"] = static_cast<uint64_t>(file.content.getSize());
+    file_common::v1::FileInfo info(
+        directoryPrefix +
+        ost::i18n::to_ustring(storedName, ost::i18n::codecvt_string_to_ustring("UTF-8", true)));
+    info.attributes["size"] = size;
     return info;
+}
+
+// Gives the written temporary file its name as the conflict policy says, and returns the name
+// it took. Where no file may be replaced, each name is taken in one step that fails when it is
+// taken already, never a look followed by a rename: two writes of one name at once must not
+// both find it free.
+std::string DiskFileService::moveIntoPlace(const std::string& temp, const Job& job) const {
+    const std::string& name = job.name;
+    if (conflictPolicy == ConflictPolicy::replace && job.overwrite) {
+        if (moveFile(temp.c_str(), (directory + "/" + name).c_str(), 0) == 0) {
+            return name;
+        }
+        if (errno == EISDIR) {
+            throw std::runtime_error("Refused file '" + name +
+                                     "': a directory of that name exists");
+        }
+        throw systemError("Cannot store " + name);
+    }
+    for (unsigned attempt = 0;; ++attempt) {
+        const std::string candidate = attempt == 0 ? name : numberedName(name, attempt);
+        if (candidate.size() > maxNameBytes) {
+            throw std::runtime_error("Refused file '" + name +
+                                     "': a file of that name exists, and a numbered name would "
+                                     "be longer than " +
+                                     std::to_string(maxNameBytes) + " bytes");
+        }
+        const int error = moveWithoutReplacing(temp, directory + "/" + candidate);
+        if (error == 0) {
+            return candidate;
+        }
+        if (error != EEXIST) {
+            throw SystemFailure("Cannot store " + name, error);
+        }
+        if (conflictPolicy != ConflictPolicy::rename) {
+            throw std::runtime_error("Refused file '" + name +
+                                     "': a file of that name already exists");
+        }
+        if (attempt == maxRenameAttempts) {
+            throw std::runtime_error("Refused file '" + name + "': a file of that name exists, " +
+                                     "and so do its numbered names up to (" +
+                                     std::to_string(maxRenameAttempts) + ")");
+        }
+    }
+}
+
+// 0, or the errno why the temporary file could not take the name target without replacing
+// what has it.
+int DiskFileService::moveWithoutReplacing(const std::string& temp,
+                                          const std::string& target) const {
+    if (moveFile(temp.c_str(), target.c_str(), RENAME_NOREPLACE) == 0) {
+        return 0;
+    }
+    const int error = errno;
+    if (error != EINVAL && error != ENOSYS && error != EOPNOTSUPP) {
+        return error;
+    }
+    // The filesystem cannot rename without replacing, as some network ones cannot. A hard
+    // link makes the same promise, failing when the name is taken; the file then drops its
+    // temporary name (should that fail, the next start removes it).
+    if (::link(temp.c_str(), target.c_str()) != 0) {
+        return errno;
+    }
+    ::unlink(temp.c_str());
+    return 0;
 }
 
 int DiskFileService::syncDirectoryEntries() const {
@@ -417,6 +523,9 @@ void DiskFileService::RequestScope::finish() {
         const int error = pending ? owner.syncDirectoryEntries() : 0;
         if (error != 0) {
             failure = std::string("Cannot make the stored files durable: ") + std::strerror(error);
+            std::lock_guard<std::mutex> guard(state->mutex);
+            keepFirst(state->failures, "cannot make the files stored in " + owner.directory +
+                                           " durable: " + std::strerror(error));
         }
     }
     // A retried fsync may succeed without the data having reached the disk: the first
@@ -429,6 +538,16 @@ void DiskFileService::RequestScope::finish() {
 std::size_t DiskFileService::RequestScope::filesStored() const {
     std::lock_guard<std::mutex> guard(state->mutex);
     return state->stored;
+}
+
+std::vector<StoredFile> DiskFileService::RequestScope::stored() const {
+    std::lock_guard<std::mutex> guard(state->mutex);
+    return state->storedFiles;
+}
+
+std::vector<std::string> DiskFileService::RequestScope::failures() const {
+    std::lock_guard<std::mutex> guard(state->mutex);
+    return state->failures;
 }
 
 } // namespace kestrin::host

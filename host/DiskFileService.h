@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -15,13 +16,27 @@
 
 namespace kestrin::host {
 
+// What a write does when the upload directory already holds an entry of the file's name.
+enum class ConflictPolicy {
+    replace, // the new file takes the name; of two writes of one name at once, the later wins
+    refuse,  // the existing file stays and the write fails, saying a file of that name exists
+    rename,  // the new file takes the first free name of "name (1).ext", "name (2).ext", ...
+};
+
+// A file as the service stored it.
+struct StoredFile {
+    std::string name; // as stored: under ConflictPolicy::rename, maybe not the one asked for
+    std::uint64_t size;
+};
+
 // The server's file service: stores each file as a direct child of one upload directory.
 // Any thread may call writeFile. A refused name, or a file over its request's limit, is
 // answered at once, on the calling thread; other writes run on the service's own writer
 // threads, several at once so that one slow write does not hold up the others, and the thread
 // that wrote a file resolves its future, success or failure. A file is written to a temporary
-// file beside the target, flushed to disk and renamed over the target, so a stored file is
-// complete or absent, never partial; of two writes of one name at once, the later rename wins.
+// file beside the target, flushed to disk and moved to its name in one step, so a stored file
+// is complete or absent, never partial; what happens to an existing file of the name is the
+// service's ConflictPolicy.
 class DiskFileService : public file::v1::FileService {
 public:
     // Temporary files start with this; no upload may take such a name.
@@ -33,6 +48,13 @@ public:
     // errno set, as fsync does (an empty one is fsync). Tests pass their own to count the calls
     // or make them fail.
     using DirectorySync = std::function<int(int descriptor)>;
+    // Gives the file named from the name to, as renameat2 does with flags 0 or
+    // RENAME_NOREPLACE; returns 0, or -1 with errno set. An empty one asks the system. Tests
+    // pass their own to act as a filesystem that cannot rename without replacing, or to fail.
+    using MoveFile = std::function<int(const char* from, const char* to, unsigned flags)>;
+
+    // The most numbered names ConflictPolicy::rename tries before it gives up.
+    static constexpr unsigned maxRenameAttempts = 1000;
 
     class RequestScope;
 
@@ -40,7 +62,9 @@ public:
     // threads (at least one). Throws std::runtime_error when the directory cannot be resolved
     // or read, or its name is not UTF-8 (no upload could name a file in it then).
     explicit DiskFileService(const std::string& uploadDirectory, unsigned writerCount = 1,
-                             DirectorySync syncDirectory = {});
+                             DirectorySync syncDirectory = {},
+                             ConflictPolicy onConflict = ConflictPolicy::replace,
+                             MoveFile moveFile = {});
     ~DiskFileService() override;
     DiskFileService(const DiskFileService&) = delete;
     DiskFileService& operator=(const DiskFileService&) = delete;
@@ -48,9 +72,11 @@ public:
     // Refuses, with a std::runtime_error saying why, any path that is not exactly
     // "<upload dir>/<name>" with a name that is not empty, ".", "..", at most maxNameBytes of
     // UTF-8, and has no '/', NUL or other control character; a name is measured before it is
-    // converted or copied, so a giant one costs nothing. Without overwrite an existing file
-    // is refused too; with it, the file is replaced. While a RequestScope is active on the
-    // calling thread, the write counts toward it.
+    // converted or copied, so a giant one costs nothing. An existing file of the name is
+    // dealt with as the service's ConflictPolicy says, except that without overwrite it is
+    // never replaced: refused under ConflictPolicy::replace. The FileInfo resolved carries the
+    // path the file was stored at. While a RequestScope is active on the calling thread, the
+    // write counts toward it.
     Future<file_common::v1::FileInfo> writeFile(file_common::v1::File&& file,
                                                 bool overwrite) override;
 
@@ -70,6 +96,8 @@ private:
     void run();
     void stopWriters() noexcept;
     file_common::v1::FileInfo store(Job& job) const;
+    std::string moveIntoPlace(const std::string& temp, const Job& job) const;
+    int moveWithoutReplacing(const std::string& temp, const std::string& target) const;
     std::string targetName(const std::u16string& path) const;
     int syncDirectoryEntries() const; // 0, or the errno of the failure
     void removeLeftovers() const;
@@ -77,6 +105,8 @@ private:
     std::string directory;
     std::u16string directoryPrefix; // "<directory>/" in UTF-16, as paths arrive
     DirectorySync syncDirectory;
+    ConflictPolicy conflictPolicy;
+    MoveFile moveFile;
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<Job> queue;
@@ -84,8 +114,9 @@ private:
     std::vector<std::thread> writers;
 };
 
-// One request's share of the service: at most maxFiles files, and one directory sync for all
-// of them instead of one per file. Made on the thread that runs one request's service call;
+// One request's share of the service: at most maxFiles files, one directory sync for all of
+// them instead of one per file, and the record of what was stored and what failed on the
+// server's side. Made on the thread that runs one request's service call;
 // writeFile calls made on that thread while it lives count toward it, calls made on other
 // threads do not. Use it on that thread only, and destroy it there, before the service. At
 // most one scope is active on a thread: a second one throws std::logic_error.
@@ -105,6 +136,22 @@ public:
 
     // Files this request stored so far.
     std::size_t filesStored() const;
+
+    // The first recordLimit files this request stored, in the order they took their names;
+    // filesStored() tells how many there were in all. A write still under way when this is
+    // called is not in it yet.
+    std::vector<StoredFile> stored() const;
+
+    // The first recordLimit failures of this request that lie with the server rather than with
+    // the client's file: a system call refused (no space, read-only, permissions, I/O error,
+    // the directory gone), each as a line fit for the server's log, saying which file, where,
+    // and why: `cannot store "a.txt" in /srv/up: No space left on device`. A failed finish()
+    // is one too. Refusals of the client's names, of one file too many, or of a name already
+    // taken are not: the client caused them, and their text reaches the client.
+    std::vector<std::string> failures() const;
+
+    // Bounds what one scope keeps of stored() and failures(), whatever maxFiles is.
+    static constexpr std::size_t recordLimit = 100;
 
 private:
     friend class DiskFileService;
