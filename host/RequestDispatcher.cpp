@@ -39,7 +39,7 @@ RequestDispatcher::Destination RequestDispatcher::route(std::string_view method,
         if (service != services.end()) {
             return Destination{Destination::Kind::service, service->second, *address};
         }
-    } else if (path == "/" && method == "GET") {
+    } else if (path == "/" && (method == "GET" || method == "HEAD")) {
         return Destination{Destination::Kind::demoPage, nullptr, Address()};
     }
     return Destination{Destination::Kind::notFound, nullptr, Address()};
@@ -109,6 +109,19 @@ Reply RequestDispatcher::plainText(unsigned status, std::string_view text, std::
     body.append(reinterpret_cast<const uint8_t*>(text.data()), text.size());
     body.pushBack('\n');
     return Reply{status, std::string(textType), std::move(body), std::move(detail), {}, false};
+}
+
+std::string RequestDispatcher::pageMessage(const common::DataBuffer& page) {
+    static constexpr std::string_view opening = "parent.postMessage(\"";
+    static constexpr std::string_view closing = "\", \"*\");";
+    const std::string_view text(reinterpret_cast<const char*>(page.bytes()), page.getSize());
+    const std::size_t start = text.find(opening);
+    const std::size_t end = text.rfind(closing);
+    if (start == std::string_view::npos || end == std::string_view::npos ||
+        end < start + opening.size()) {
+        return std::string(text.substr(0, 200));
+    }
+    return std::string(text.substr(start + opening.size(), end - start - opening.size()));
 }
 
 Reply RequestDispatcher::demoPageReply() {

@@ -45,8 +45,8 @@ public:
     // Makes a service reachable under its address, as the framework's service registry does.
     void addService(const Address& address, std::shared_ptr<http::HttpServiceProvider> provider);
 
-    // GET "/" is the demo page; a routed path goes to its service whatever the method; any
-    // other path, and a route to an address without a service, is not found.
+    // GET and HEAD "/" are the demo page; a routed path goes to its service whatever the method;
+    // any other path, and a route to an address without a service, is not found.
     [[nodiscard]] Destination route(std::string_view method, const std::string& path) const;
 
     // Delivers one request to provider and waits for its answer, so it blocks while the
@@ -61,6 +61,10 @@ public:
 
     static Reply plainText(unsigned status, std::string_view text, std::string detail = {});
     static Reply demoPageReply();
+
+    // The message a result page hands to its parent, as it stands in the page's script
+    // (escaped), or the page's first bytes when it is no result page: for the log.
+    static std::string pageMessage(const common::DataBuffer& page);
 
 private:
     std::shared_ptr<const RouteTable> routes;

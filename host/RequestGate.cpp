@@ -80,11 +80,13 @@ std::optional<std::string> normalizeOrigin(std::string_view text) {
 
 RequestGate::RequestGate(GateSettings gateSettings,
                          std::shared_ptr<const RequestDispatcher> requestDispatcher,
-                         MemoryBudget* memoryBudget, BasicAuth* basicAuth)
+                         MemoryBudget* memoryBudget, BasicAuth* basicAuth,
+                         StatusEndpoints statusEndpoints)
     : settings(std::move(gateSettings))
     , dispatcher(std::move(requestDispatcher))
     , budget(memoryBudget)
-    , auth(basicAuth) {
+    , auth(basicAuth)
+    , endpoints(std::move(statusEndpoints)) {
     for (std::string& origin : settings.allowedOrigins) {
         origin = normalizeOrigin(origin).value_or(lower(origin));
     }
@@ -110,6 +112,14 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
             verdict.reply.close = true;
             return verdict;
         }
+    }
+    // A load balancer asks for health without credentials; the answer tells nothing else.
+    const std::string_view rawTarget(head.target().data(), head.target().size());
+    if (std::optional<Reply> reply =
+            statusEndpoint(head, rawTarget.substr(0, rawTarget.find('?')), false)) {
+        verdict.reply = std::move(*reply);
+        verdict.route = std::string(healthPath);
+        return verdict;
     }
     if (auth != nullptr) {
         const auto authorization = head[http::field::authorization];
@@ -153,15 +163,22 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
         verdict.kind = Verdict::Kind::discard;
         return verdict;
     }
+    if (std::optional<Reply> reply = statusEndpoint(head, *path, true)) {
+        verdict.reply = std::move(*reply);
+        verdict.route = std::string(metricsPath);
+        return verdict;
+    }
     verdict.destination = dispatcher->route(toString(head.method_string()), *path);
     switch (verdict.destination.kind) {
     case RequestDispatcher::Destination::Kind::demoPage:
         verdict.reply = RequestDispatcher::demoPageReply();
+        verdict.route = "/";
         return verdict;
     case RequestDispatcher::Destination::Kind::notFound:
         verdict.reply = RequestDispatcher::plainText(404, "Not Found");
         return verdict;
     case RequestDispatcher::Destination::Kind::service:
+        verdict.route = *path;
         break;
     }
     if (std::optional<Reply> refusal = crossSiteRefusal(head)) {
@@ -183,6 +200,36 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
     }
     verdict.kind = Verdict::Kind::service;
     return verdict;
+}
+
+// Health before authentication, metrics after it: authenticated says which one is asked for.
+std::optional<Reply> RequestGate::statusEndpoint(const Head& head, std::string_view path,
+                                                 bool authenticated) const {
+    const std::string_view wanted = authenticated ? metricsPath : healthPath;
+    const bool served = authenticated ? static_cast<bool>(endpoints.metrics)
+                                      : static_cast<bool>(endpoints.healthProblem);
+    if (path != wanted || !served) {
+        return std::nullopt;
+    }
+    if (head.method() != http::verb::get && head.method() != http::verb::head) {
+        Reply reply = refuse(405, "Method Not Allowed", "");
+        reply.headers.emplace_back("Allow", "GET, HEAD");
+        return reply;
+    }
+    Reply reply;
+    if (authenticated) {
+        const std::string text = endpoints.metrics();
+        reply.status = 200;
+        reply.contentType = endpoints.metricsType;
+        reply.body.append(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    } else if (const std::optional<std::string> problem = endpoints.healthProblem()) {
+        reply = refuse(503, "unavailable: " + *problem, *problem);
+    } else {
+        reply = refuse(200, "ok", "");
+    }
+    // Every answer is asked for afresh, never served from a cache.
+    reply.headers.emplace_back("Cache-Control", "no-store");
+    return reply;
 }
 
 std::optional<Reply> RequestGate::crossSiteRefusal(const Head& head) const {

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,18 @@ struct GateSettings {
     std::chrono::seconds idleTimeout{30};
 };
 
+// The server's own read-only endpoints, answered from the head alone. Each may be empty: the
+// path is then not found.
+struct StatusEndpoints {
+    // Why the server cannot store uploads now (the directory is gone, read-only or full; the
+    // service is stopped), or nothing when it can. GET /healthz, without authentication, so
+    // that a load balancer can ask.
+    std::function<std::optional<std::string>()> healthProblem;
+    // The metrics in the text format. GET /metrics, behind authentication when it is on.
+    std::function<std::string()> metrics;
+    std::string metricsType = "text/plain; charset=utf-8";
+};
+
 // What the server does with a request whose head is in.
 struct Verdict {
     enum class Kind {
@@ -56,6 +69,9 @@ struct Verdict {
     std::chrono::milliseconds delay{0};
     // Refused because the memory budget is spent for now: the slowest body may have to yield.
     bool waitsForMemory = false;
+    // What the metrics count the request under: one of the server's own paths, or "other",
+    // so that no client can make new series.
+    std::string route = "other";
 };
 
 // Decides, from a request's head alone, whether and how the server serves it: framing,
@@ -76,7 +92,10 @@ public:
 
     // auth may be null: no authentication. budget may be null: no memory bound.
     RequestGate(GateSettings settings, std::shared_ptr<const RequestDispatcher> dispatcher,
-                MemoryBudget* budget, BasicAuth* auth);
+                MemoryBudget* budget, BasicAuth* auth, StatusEndpoints endpoints = {});
+
+    static constexpr std::string_view healthPath = "/healthz";
+    static constexpr std::string_view metricsPath = "/metrics";
 
     // Wrong or throttled credentials are answered this late.
     static constexpr std::chrono::milliseconds refusalDelay{1000};
@@ -119,11 +138,14 @@ public:
 private:
     std::optional<Reply> crossSiteRefusal(const Head& head) const;
     std::optional<Reply> memoryRefusal(std::uint64_t length, Verdict& verdict) const;
+    std::optional<Reply> statusEndpoint(const Head& head, std::string_view path,
+                                        bool authenticated) const;
 
     GateSettings settings;
     std::shared_ptr<const RequestDispatcher> dispatcher;
     MemoryBudget* budget;
     BasicAuth* auth;
+    StatusEndpoints endpoints;
 };
 
 // "scheme://host[:port]" in lower case without the scheme's default port, or nothing when text

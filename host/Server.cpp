@@ -1,11 +1,13 @@
 #include "host/Server.h"
 
+#include "host/AccessLog.h"
 #include "host/BodyBufferPool.h"
 #include "host/ConnectionTable.h"
 #include "host/DataBufferBody.h"
 #include "host/DiscardBody.h"
 #include "host/DiskFileService.h"
 #include "host/MemoryBudget.h"
+#include "host/Metrics.h"
 #include "host/PartHeaderCheck.h"
 #include "host/RequestGate.h"
 
@@ -15,20 +17,25 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <exception>
 #include <malloc.h>
 #include <mutex>
+#include <openssl/err.h>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -44,6 +51,7 @@ namespace kestrin::host {
 namespace beast = boost::beast;
 namespace http = beast::http;
 namespace net = boost::asio;
+namespace ssl = net::ssl;
 using tcp = net::ip::tcp;
 using Clock = std::chrono::steady_clock;
 
@@ -71,6 +79,10 @@ void writeLog(const std::string& line) {
     (void)ignored;
 }
 
+void writeEvent(const AccessLog& log, LogLevel level, std::string_view message) {
+    writeLog(log.event(std::chrono::system_clock::now(), level, message));
+}
+
 std::string toString(beast::string_view text) {
     return std::string(text.data(), text.size());
 }
@@ -88,8 +100,12 @@ public:
         clientOverLimit,
         tableFull,
         refusalNotLogged,
+        tlsFailed,
         kinds
     };
+
+    explicit EventLog(LogFormat format)
+        : log(format) {}
 
     // Lines of refused requests each second; past that a flood of refusals is counted, not
     // written line by line.
@@ -113,7 +129,8 @@ public:
             "clients gone mid-body",
             "connections refused: client over its limit",
             "connections refused: server full",
-            "refused requests not logged one by one"};
+            "refused requests not logged one by one",
+            "TLS handshakes failed"};
         std::string line;
         for (int kind = 0; kind < kinds; ++kind) {
             const std::uint64_t n = counts[kind].exchange(0, std::memory_order_relaxed);
@@ -129,8 +146,7 @@ public:
         }
         if (!line.empty()) {
             const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(period).count();
-            writeLog(std::string(serverName) + ": in the last " + std::to_string(ms) +
-                     " ms: " + line + "\n");
+            writeEvent(log, LogLevel::warn, "in the last " + std::to_string(ms) + " ms: " + line);
         }
     }
 
@@ -146,6 +162,8 @@ public:
         return ++refusalLines <= refusalLinesPerSecond;
     }
 
+    const AccessLog log;
+
 private:
     std::array<std::atomic<std::uint64_t>, kinds> counts{};
     std::int64_t refusalSecond = 0;
@@ -154,7 +172,7 @@ private:
     std::array<std::string, kinds> details;
 };
 
-class Session;
+class SessionBase;
 struct Shared;
 
 // Closes the connection the table took a slot or memory from, if it is still there.
@@ -176,16 +194,63 @@ struct Shared {
         , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
                             serverOptions.discardRoute, serverOptions.headerTimeout,
                             serverOptions.minBodyRate, serverOptions.idleTimeout},
-               parts.dispatcher, &budget, parts.auth.get())
+               parts.dispatcher, &budget, parts.auth.get(), endpoints())
         , table(ConnectionTable::Limits{serverOptions.maxConnections,
                                         serverOptions.maxConnectionsPerClient,
                                         serverOptions.minBodyRate})
+        , events(serverOptions.logFormat)
         , services(std::max(1u, serverOptions.serviceThreads))
         , control(net::make_strand(context))
         , drainTimer(control)
         , reportTimer(control) {
         // Kept bodies are a cache: they give way to a request that needs their memory.
         budget.setReclaimer([this](std::uint64_t needed) { bodies.reclaim(needed); });
+        if (!serverOptions.tlsCertificate.empty()) {
+            tls.emplace(loadTls(serverOptions.tlsCertificate, serverOptions.tlsKey));
+        }
+    }
+
+    // Health is the caller's to judge; metrics are the server's own and what it holds now.
+    StatusEndpoints endpoints() {
+        StatusEndpoints served;
+        served.healthProblem = parts.healthProblem;
+        served.metrics = [this] {
+            return metrics.scrape(Metrics::Snapshot{budget.used(), budget.limit(), table.size(),
+                                                    options.maxConnections});
+        };
+        served.metricsType = std::string(Metrics::contentType);
+        return served;
+    }
+
+    static ssl::context loadTls(const std::string& certificate, const std::string& key) {
+        ssl::context context(ssl::context::tls_server);
+        // TLS 1.2 and later only; each connection gets fresh key exchange values.
+        context.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
+                            ssl::context::no_sslv3 | ssl::context::no_tlsv1 |
+                            ssl::context::no_tlsv1_1 | ssl::context::single_dh_use);
+        const auto load = [&](const std::string& what, const std::string& file, auto&& step) {
+            if (::access(file.c_str(), R_OK) != 0) {
+                throw std::runtime_error(what + " " + file +
+                                         ": cannot read it: " + std::strerror(errno));
+            }
+            ::ERR_clear_error();
+            beast::error_code ec;
+            step(ec);
+            if (ec) {
+                throw std::runtime_error(what + " " + file + ": not a usable PEM file (" +
+                                         ec.message() + ")");
+            }
+        };
+        load("--tls-cert", certificate,
+             [&](beast::error_code& ec) { context.use_certificate_chain_file(certificate, ec); });
+        load("--tls-key", key, [&](beast::error_code& ec) {
+            context.use_private_key_file(key, ssl::context::pem, ec);
+        });
+        if (SSL_CTX_check_private_key(context.native_handle()) != 1) {
+            throw std::runtime_error("--tls-key " + key + " does not match --tls-cert " +
+                                     certificate);
+        }
+        return context;
     }
 
     ServerOptions options;
@@ -195,6 +260,8 @@ struct Shared {
     RequestGate gate;
     ConnectionTable table;
     EventLog events;
+    Metrics metrics;
+    std::optional<ssl::context> tls; // set when serving HTTPS
     net::thread_pool services;
     // The server-wide timers run on one strand: a stop, the last session leaving and the
     // report may come from any IO thread.
@@ -205,19 +272,38 @@ struct Shared {
     std::atomic<int> inService{0};
     std::atomic<bool> trimDue{false};
     std::mutex mutex;
-    std::unordered_map<ConnectionTable::Id, std::weak_ptr<Session>> sessions;
+    std::unordered_map<ConnectionTable::Id, std::weak_ptr<SessionBase>> sessions;
 };
+
+// What the server asks of every connection, whatever its stream.
+class SessionBase {
+public:
+    virtual ~SessionBase() = default;
+    virtual void stop() = 0;
+    virtual void abort() = 0;
+    virtual void evict() = 0;
+};
+
+// Plain TCP, or TLS over it.
+using PlainStream = beast::tcp_stream;
+using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
 // One connection: reads requests one after another, asks the gate what to do with each and
 // does it, and writes the replies. Kept alive by the handlers of its pending operations (or of
 // its service call), all of which run on the connection's strand. Its deadlines run on a timer
 // of its own, which cancels the pending read when one passes, so that the client still gets
 // its 408.
-class Session : public std::enable_shared_from_this<Session> {
+template <class Stream>
+class Session : public SessionBase, public std::enable_shared_from_this<Session<Stream>> {
+    static constexpr bool secure = std::is_same_v<Stream, TlsStream>;
+    using std::enable_shared_from_this<Session<Stream>>::shared_from_this;
+    using std::enable_shared_from_this<Session<Stream>>::weak_from_this;
+
 public:
-    Session(tcp::socket&& socket, std::shared_ptr<Shared> sharedState, ConnectionTable::Id slot,
-            std::string clientAddress)
-        : stream(std::move(socket))
+    template <class... StreamArguments>
+    Session(std::shared_ptr<Shared> sharedState, ConnectionTable::Id slot,
+            std::string clientAddress, StreamArguments&&... streamArguments)
+        : stream(std::forward<StreamArguments>(streamArguments)...)
         , buffer(readBufferLimit)
         , shared(std::move(sharedState))
         , id(slot)
@@ -225,7 +311,8 @@ public:
         , timer(stream.get_executor())
         , holdBack(stream.get_executor()) {}
 
-    ~Session() {
+    ~Session() override {
+        abandonCount();
         shared->table.remove(id);
         std::lock_guard<std::mutex> guard(shared->mutex);
         shared->sessions.erase(id);
@@ -240,13 +327,18 @@ public:
             std::lock_guard<std::mutex> guard(shared->mutex);
             shared->sessions.emplace(id, weak_from_this());
         }
-        net::dispatch(stream.get_executor(),
-                      beast::bind_front_handler(&Session::doRead, shared_from_this()));
+        if constexpr (secure) {
+            net::dispatch(stream.get_executor(),
+                          beast::bind_front_handler(&Session::doHandshake, shared_from_this()));
+        } else {
+            net::dispatch(stream.get_executor(),
+                          beast::bind_front_handler(&Session::doRead, shared_from_this()));
+        }
     }
 
     // Server stop: a connection waiting for its next request closes now; one with a request
     // in flight answers it first and then closes.
-    void stop() {
+    void stop() override {
         net::dispatch(stream.get_executor(), [self = shared_from_this()] {
             if (self->phase == ConnectionTable::Phase::idle) {
                 self->cancelRead(Cut::closed);
@@ -255,16 +347,16 @@ public:
     }
 
     // The shutdown timeout has passed: whatever is left is closed now.
-    void abort() {
+    void abort() override {
         net::dispatch(stream.get_executor(), [self = shared_from_this()] {
             self->clearDeadline();
             beast::error_code ignored;
-            self->stream.socket().close(ignored);
+            self->socket().close(ignored);
         });
     }
 
     // The connection table gave this connection's slot to a new one.
-    void evict() {
+    void evict() override {
         net::dispatch(stream.get_executor(), [self = shared_from_this()] {
             self->shared->events.count(EventLog::evicted);
             if (self->phase == ConnectionTable::Phase::busy) {
@@ -278,6 +370,39 @@ public:
 private:
     // Why a pending read was cut short.
     enum class Cut { none, deadline, evicted, closed };
+
+    tcp::socket& socket() { return beast::get_lowest_layer(stream).socket(); }
+    beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream); }
+
+    // Reads straight from the connection: the socket itself, or the TLS layer above it.
+    template <class Buffers, class Handler>
+    void readSome(const Buffers& buffers, Handler&& handler) {
+        if constexpr (secure) {
+            stream.async_read_some(buffers, std::forward<Handler>(handler));
+        } else {
+            socket().async_read_some(buffers, std::forward<Handler>(handler));
+        }
+    }
+
+    // A TLS connection first agrees on its keys, within the time a head has: a client that
+    // never finishes it holds its slot no longer than one that never finishes a head.
+    void doHandshake() {
+        enter(ConnectionTable::Phase::head);
+        armDeadline(shared->gate.headDeadline(Clock::now()));
+        if constexpr (secure) {
+            stream.async_handshake(
+                ssl::stream_base::server, [self = shared_from_this()](beast::error_code ec) {
+                    self->clearDeadline();
+                    if (ec || self->cut != Cut::none) {
+                        if (self->cut != Cut::closed) {
+                            self->shared->events.count(EventLog::tlsFailed, ec.message());
+                        }
+                        return self->doClose(false);
+                    }
+                    self->doRead();
+                });
+        }
+    }
 
     void enter(ConnectionTable::Phase next) {
         phase = next;
@@ -327,7 +452,7 @@ private:
         }
         clearDeadline();
         beast::error_code ignored;
-        stream.socket().cancel(ignored);
+        socket().cancel(ignored);
     }
 
     // ---- reading a head
@@ -339,6 +464,8 @@ private:
         enter(ConnectionTable::Phase::idle);
         cut = Cut::none;
         bytesIn = 0;
+        method.clear();
+        target.clear();
         directLength = 0;
         directRead = 0;
         verdict = Verdict();
@@ -348,14 +475,13 @@ private:
         parser->header_limit(headerLimit);
         parser->body_limit(shared->options.maxBody);
         parser->on_chunk_body(chunkBody);
-        stream.expires_never();
+        lowest().expires_never();
         if (buffer.size() > 0) {
             return startHead();
         }
         armDeadline(Clock::now() + shared->options.idleTimeout);
-        stream.socket().async_read_some(
-            buffer.prepare(firstReadSize),
-            beast::bind_front_handler(&Session::onFirstBytes, shared_from_this()));
+        readSome(buffer.prepare(firstReadSize),
+                 beast::bind_front_handler(&Session::onFirstBytes, shared_from_this()));
     }
 
     void onFirstBytes(beast::error_code ec, std::size_t count) {
@@ -393,6 +519,7 @@ private:
         }
         keepAlive = request.keep_alive();
         requestRead = parser->is_done();
+        countStart();
 
         const bool expectsContinue = beast::iequals(request[http::field::expect], "100-continue");
         verdict = shared->gate.decide(request, parser->content_length(), client);
@@ -447,7 +574,7 @@ private:
     void doContinue() {
         auto interim =
             std::make_shared<http::response<http::empty_body>>(http::status::continue_, version);
-        stream.expires_after(writeLimit);
+        lowest().expires_after(writeLimit);
         http::async_write(stream, *interim,
                           [self = shared_from_this(), interim](beast::error_code ec, std::size_t) {
                               if (ec) {
@@ -466,7 +593,7 @@ private:
             shared->table.expect(id, *length);
         }
         bodyStarted = Clock::now();
-        stream.expires_never();
+        lowest().expires_never();
         doReadBody();
     }
 
@@ -570,8 +697,8 @@ private:
             return bodyDone();
         }
         armBodyDeadline();
-        stream.socket().async_read_some(
-            directTarget(), beast::bind_front_handler(&Session::onReadDirect, shared_from_this()));
+        readSome(directTarget(),
+                 beast::bind_front_handler(&Session::onReadDirect, shared_from_this()));
     }
 
     void onReadDirect(beast::error_code ec, std::size_t count) {
@@ -636,6 +763,7 @@ private:
                 Shared& state = *self->shared;
                 common::DataBuffer returned;
                 Reply reply;
+                Stored stored;
                 {
                     std::optional<DiskFileService::RequestScope> scope;
                     if (state.parts.files) {
@@ -653,15 +781,21 @@ private:
                         reply = RequestDispatcher::plainText(500, "Internal Server Error",
                                                              error.what());
                     }
+                    if (scope) {
+                        stored = self->collectStored(*scope);
+                    }
                 }
                 // The body's storage stays charged while it is kept for the next request.
                 state.bodies.give(std::move(returned), &charge);
                 charge.release();
                 state.inService.fetch_sub(1);
                 state.trimDue.store(true);
-                net::post(self->stream.get_executor(), [self, reply = std::move(reply)]() mutable {
-                    self->sendReply(std::move(reply));
-                });
+                net::post(self->stream.get_executor(),
+                          [self, reply = std::move(reply), stored = std::move(stored)]() mutable {
+                              self->fromService = true;
+                              self->stored = std::move(stored);
+                              self->sendReply(std::move(reply));
+                          });
             });
     }
 
@@ -719,14 +853,22 @@ private:
         for (const auto& [name, value] : reply.headers) {
             response->set(name, value);
         }
-        response->body() = std::move(reply.body);
-        response->keep_alive(!close);
-        response->prepare_payload();
+        countEnd(reply);
         if (!quiet) {
-            logRequest(reply.status, reply.detail);
+            logRequest(reply);
         }
+        stored = Stored();
+        fromService = false;
+        if (method == "HEAD") {
+            // The head of the answer GET would get: its length, without its bytes.
+            response->content_length(reply.body.getSize());
+        } else {
+            response->body() = std::move(reply.body);
+            response->prepare_payload();
+        }
+        response->keep_alive(!close);
 
-        stream.expires_after(writeLimit);
+        lowest().expires_after(writeLimit);
         http::async_write(stream, *response,
                           [self = shared_from_this(), response,
                            close](beast::error_code ec, std::size_t) { self->onWrite(close, ec); });
@@ -750,9 +892,12 @@ private:
     void doClose(bool drain) {
         clearDeadline();
         beast::error_code ignored;
-        stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        // Under TLS too the connection just ends, without a closing alert: every answer has
+        // its length, so the client knows it got all of it, and a client that stopped reading
+        // cannot hold us waiting for the alert to go out.
+        socket().shutdown(tcp::socket::shutdown_send, ignored);
         if (!drain) {
-            stream.socket().close(ignored);
+            socket().close(ignored);
             return;
         }
         enter(ConnectionTable::Phase::idle);
@@ -763,7 +908,7 @@ private:
         partCheck.reset();
         verdict = Verdict();
         buffer.consume(buffer.size());
-        stream.expires_after(drainLimit);
+        lowest().expires_after(drainLimit);
         doDrain();
     }
 
@@ -776,26 +921,92 @@ private:
                                });
     }
 
-    void logRequest(unsigned status, const std::string& detail) {
-        if (status >= 400 && !shared->events.mayLogRefusal()) {
+    // Metrics count every request once, from its head (or from whatever came instead of one)
+    // to its answer, or to the connection's end when it gets none.
+    void countStart() {
+        if (!counting) {
+            counting = true;
+            shared->metrics.requestStarted();
+        }
+    }
+
+    void countEnd(const Reply& reply) {
+        countStart();
+        counting = false;
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
+        shared->metrics.requestFinished(verdict.route, reply.status, bytesIn, elapsed,
+                                        !fromService && reply.status >= 400);
+        if (!stored.files.empty() || stored.notListed > 0) {
+            std::uint64_t bytes = 0;
+            for (const auto& file : stored.files) {
+                bytes += file.second;
+            }
+            shared->metrics.filesStored(stored.files.size() + stored.notListed,
+                                        bytes + stored.bytesNotListed);
+        }
+    }
+
+    // What a request stored, for the log and the metrics; its failures go to the log now.
+    struct Stored {
+        std::vector<std::pair<std::string, std::uint64_t>> files;
+        std::size_t notListed = 0;
+        std::uint64_t bytesNotListed = 0;
+    };
+
+    Stored collectStored(const DiskFileService::RequestScope& scope) const {
+        // Enough names for a person to read; the rest are counted.
+        static constexpr std::size_t listed = 20;
+        Stored result;
+        for (const StoredFile& file : scope.stored()) {
+            if (result.files.size() < listed) {
+                result.files.emplace_back(file.name, file.size);
+            } else {
+                ++result.notListed;
+                result.bytesNotListed += file.size;
+            }
+        }
+        for (const std::string& failure : scope.failures()) {
+            writeEvent(shared->events.log, LogLevel::error, failure);
+        }
+        return result;
+    }
+
+    void logRequest(const Reply& reply) {
+        if (reply.status >= 400 && !shared->events.mayLogRefusal()) {
             shared->events.count(EventLog::refusalNotLogged);
             return;
         }
-        const auto elapsed =
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started);
-        std::string line = method + " " + target + " " + std::to_string(status) + " " +
-                           std::to_string(bytesIn) + " " + std::to_string(elapsed.count()) + "ms";
-        if (!verdict.user.empty()) {
-            line += " user " + verdict.user;
-        }
-        if (!detail.empty()) {
-            line += " (" + detail + ")";
-        }
-        line += "\n";
-        writeLog(line);
+        // A refusal from the service is its result page: its message is the reason.
+        const std::string reason = fromService && reply.status >= 400
+                                       ? RequestDispatcher::pageMessage(reply.body)
+                                       : reply.detail;
+        RequestRecord record;
+        record.time = std::chrono::system_clock::now();
+        record.client = client;
+        record.method = method.empty() ? std::string_view("-") : std::string_view(method);
+        record.target = target;
+        record.status = reply.status;
+        record.bytesIn = bytesIn;
+        record.duration =
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
+        record.user = verdict.user;
+        record.reason = reason;
+        record.files = &stored.files;
+        record.filesNotListed = stored.notListed;
+        writeLog(shared->events.log.request(record));
     }
 
-    beast::tcp_stream stream;
+    // A request that gets no answer (the client left mid-body) leaves the count of those in
+    // flight.
+    void abandonCount() {
+        if (counting) {
+            counting = false;
+            shared->metrics.requestAbandoned(bytesIn);
+        }
+    }
+
+    Stream stream;
     beast::flat_buffer buffer;
     std::shared_ptr<Shared> shared;
     const ConnectionTable::Id id;
@@ -834,10 +1045,13 @@ private:
     bool requestRead = false;     // the whole request, body included, has been consumed
     bool closeAfterReply = false; // evicted while busy: finish this request, then close
     bool quiet = false;           // a refusal counted in the event log, not logged alone
+    bool counting = false;        // the metrics count this request as in flight
+    bool fromService = false;     // the answer being sent is the service's
+    Stored stored;                // what the service stored for this request
 };
 
 void evictSession(Shared& shared, ConnectionTable::Id id) {
-    std::shared_ptr<Session> victim;
+    std::shared_ptr<SessionBase> victim;
     {
         std::lock_guard<std::mutex> guard(shared.mutex);
         const auto found = shared.sessions.find(id);
@@ -979,12 +1193,26 @@ private:
                 admission.outcome == ConnectionTable::Admission::Outcome::clientFull;
             shared->events.count(clientFull ? EventLog::clientOverLimit : EventLog::tableFull,
                                  clientFull ? client : std::string());
+            shared->metrics.refused(503);
+            // A TLS client would take plain text for a broken handshake: it is just closed.
+            if (shared->tls) {
+                beast::error_code ignored;
+                socket.close(ignored);
+                return;
+            }
             return refuse(std::move(socket), clientFull);
         }
         if (admission.victim) {
             evictSession(*shared, *admission.victim);
         }
-        std::make_shared<Session>(std::move(socket), shared, admission.id, client)->run();
+        if (shared->tls) {
+            std::make_shared<Session<TlsStream>>(shared, admission.id, client, std::move(socket),
+                                                 *shared->tls)
+                ->run();
+        } else {
+            std::make_shared<Session<PlainStream>>(shared, admission.id, client, std::move(socket))
+                ->run();
+        }
     }
 
     // A connection with no slot gets a short answer without its request being read, and is
@@ -1031,13 +1259,28 @@ struct Server::State {
         : ioc(static_cast<int>(options.threads))
         , signals(ioc, SIGINT, SIGTERM)
         , shared(std::make_shared<Shared>(ioc, options, std::move(parts))) {
+        listener = std::make_shared<Listener>(ioc, endpointOf(options), shared);
+    }
+
+    // An address as it is; a name, its first address; nothing, every IPv4 interface.
+    tcp::endpoint endpointOf(const ServerOptions& options) {
+        if (options.address.empty()) {
+            return tcp::endpoint(tcp::v4(), options.port);
+        }
         beast::error_code ec;
         const auto address = net::ip::make_address(options.address, ec);
-        if (ec) {
-            throw std::runtime_error("invalid listen address " + options.address + ": " +
-                                     ec.message());
+        if (!ec) {
+            return tcp::endpoint(address, options.port);
         }
-        listener = std::make_shared<Listener>(ioc, tcp::endpoint(address, options.port), shared);
+        tcp::resolver resolver(ioc);
+        const auto found =
+            resolver.resolve(options.address, std::to_string(options.port),
+                             tcp::resolver::numeric_service | tcp::resolver::passive, ec);
+        if (ec || found.empty()) {
+            throw std::runtime_error("cannot resolve " + options.address + ": " +
+                                     (ec ? ec.message() : std::string("no address")));
+        }
+        return found.begin()->endpoint();
     }
 
     // On the control strand.
@@ -1053,14 +1296,14 @@ struct Server::State {
             if (ec) {
                 return;
             }
-            const std::vector<std::shared_ptr<Session>> left = liveSessions();
-            writeLog(std::string(serverName) + ": shutdown timeout: closing " +
-                     std::to_string(left.size()) + " connections\n");
+            const std::vector<std::shared_ptr<SessionBase>> left = liveSessions();
+            writeEvent(shared->events.log, LogLevel::warn,
+                       "shutdown timeout: closing " + std::to_string(left.size()) + " connections");
             for (const auto& session : left) {
                 session->abort();
             }
         });
-        const std::vector<std::shared_ptr<Session>> live = liveSessions();
+        const std::vector<std::shared_ptr<SessionBase>> live = liveSessions();
         for (const auto& session : live) {
             session->stop();
         }
@@ -1069,8 +1312,8 @@ struct Server::State {
         }
     }
 
-    std::vector<std::shared_ptr<Session>> liveSessions() {
-        std::vector<std::shared_ptr<Session>> live;
+    std::vector<std::shared_ptr<SessionBase>> liveSessions() {
+        std::vector<std::shared_ptr<SessionBase>> live;
         std::lock_guard<std::mutex> guard(shared->mutex);
         for (const auto& entry : shared->sessions) {
             if (auto session = entry.second.lock()) {
@@ -1107,7 +1350,8 @@ struct Server::State {
                 ioc.run();
                 return;
             } catch (const std::exception& error) {
-                writeLog(std::string(serverName) + ": unexpected failure: " + error.what() + "\n");
+                writeEvent(shared->events.log, LogLevel::error,
+                           std::string("unexpected failure: ") + error.what());
             }
         }
     }

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "host/AccessLog.h"
 #include "host/RequestDispatcher.h"
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +21,7 @@ class BasicAuth;
 class DiskFileService;
 
 struct ServerOptions {
+    // An address or a host name; empty: every interface, IPv6 and IPv4.
     std::string address = "127.0.0.1";
     unsigned short port = 8080; // 0 picks a free port
     std::uint64_t maxBody = std::uint64_t{1} << 30;
@@ -41,6 +45,10 @@ struct ServerOptions {
     // A path whose requests are read and dropped without reaching any service, answered 200:
     // the floor the upload path is measured against. Empty: no such route.
     std::string discardRoute;
+    LogFormat logFormat = LogFormat::text;
+    // PEM files; both set: the server speaks HTTPS only.
+    std::string tlsCertificate;
+    std::string tlsKey;
 };
 
 // What the server works with, built by main the way the framework builds it.
@@ -52,6 +60,8 @@ struct ServerParts {
     std::shared_ptr<file_upload::v1::MultipartUploadService> scanner;
     // Null: no authentication.
     std::shared_ptr<BasicAuth> auth;
+    // Why uploads cannot be stored now, or nothing: GET /healthz. Empty: no such endpoint.
+    std::function<std::optional<std::string>()> healthProblem;
 };
 
 // The HTTP side of the server: accepts connections within their limits, reads each request's
@@ -61,7 +71,8 @@ struct ServerParts {
 // once the requests in flight are answered or the shutdown timeout has passed.
 class Server {
 public:
-    // Binds and listens; throws std::runtime_error when that fails (a port in use).
+    // Loads the TLS files, resolves the address, binds and listens; throws std::runtime_error
+    // saying why when one of them fails (a port in use, a name that does not resolve).
     Server(const ServerOptions& options, ServerParts parts);
     ~Server();
     Server(const Server&) = delete;

@@ -1,0 +1,114 @@
+#include "host/Metrics.h"
+
+#include <prometheus/counter.h>
+#include <prometheus/family.h>
+#include <prometheus/gauge.h>
+#include <prometheus/histogram.h>
+#include <prometheus/registry.h>
+#include <prometheus/text_serializer.h>
+#include <sstream>
+
+namespace kestrin::host {
+
+struct Metrics::State {
+    prometheus::Registry registry;
+    prometheus::Family<prometheus::Counter>& requests =
+        prometheus::BuildCounter()
+            .Name("kestrin_http_requests_total")
+            .Help("Requests answered, by route and status")
+            .Register(registry);
+    prometheus::Family<prometheus::Counter>& refusals =
+        prometheus::BuildCounter()
+            .Name("kestrin_refusals_total")
+            .Help("Requests and connections the server itself refused, by the status they got")
+            .Register(registry);
+    prometheus::Counter& received = prometheus::BuildCounter()
+                                        .Name("kestrin_received_bytes_total")
+                                        .Help("Request body bytes received")
+                                        .Register(registry)
+                                        .Add({});
+    prometheus::Counter& files = prometheus::BuildCounter()
+                                     .Name("kestrin_files_stored_total")
+                                     .Help("Files stored")
+                                     .Register(registry)
+                                     .Add({});
+    prometheus::Counter& fileBytes = prometheus::BuildCounter()
+                                         .Name("kestrin_stored_bytes_total")
+                                         .Help("Bytes of the files stored")
+                                         .Register(registry)
+                                         .Add({});
+    prometheus::Gauge& inFlight = prometheus::BuildGauge()
+                                      .Name("kestrin_requests_in_flight")
+                                      .Help("Requests read and not yet answered")
+                                      .Register(registry)
+                                      .Add({});
+    prometheus::Histogram& duration =
+        prometheus::BuildHistogram()
+            .Name("kestrin_request_duration_seconds")
+            .Help("Time from a request's first byte to its answer")
+            .Register(registry)
+            .Add({},
+                 prometheus::Histogram::BucketBoundaries{0.001, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25,
+                                                         0.5, 1, 2.5, 5, 10, 30, 60, 300});
+    prometheus::Family<prometheus::Gauge>& memory =
+        prometheus::BuildGauge()
+            .Name("kestrin_memory_bytes")
+            .Help("Memory of request bodies and their parts: in use, and the budget")
+            .Register(registry);
+    prometheus::Gauge& memoryInUse = memory.Add({{"kind", "in_use"}});
+    prometheus::Gauge& memoryBudget = memory.Add({{"kind", "budget"}});
+    prometheus::Family<prometheus::Gauge>& connections =
+        prometheus::BuildGauge()
+            .Name("kestrin_connections")
+            .Help("Open connections, and the limit")
+            .Register(registry);
+    prometheus::Gauge& connectionsOpen = connections.Add({{"kind", "open"}});
+    prometheus::Gauge& connectionLimit = connections.Add({{"kind", "limit"}});
+};
+
+Metrics::Metrics()
+    : state(std::make_unique<State>()) {}
+
+Metrics::~Metrics() = default;
+
+void Metrics::requestStarted() {
+    state->inFlight.Increment();
+}
+
+void Metrics::requestFinished(std::string_view route, unsigned status, std::uint64_t bytesIn,
+                              std::chrono::microseconds duration, bool refusedByServer) {
+    state->inFlight.Decrement();
+    const std::string code = std::to_string(status);
+    state->requests.Add({{"route", std::string(route)}, {"status", code}}).Increment();
+    if (refusedByServer) {
+        state->refusals.Add({{"cause", code}}).Increment();
+    }
+    state->received.Increment(static_cast<double>(bytesIn));
+    state->duration.Observe(std::chrono::duration<double>(duration).count());
+}
+
+void Metrics::requestAbandoned(std::uint64_t bytesIn) {
+    state->inFlight.Decrement();
+    state->received.Increment(static_cast<double>(bytesIn));
+}
+
+void Metrics::refused(unsigned cause) {
+    state->refusals.Add({{"cause", std::to_string(cause)}}).Increment();
+}
+
+void Metrics::filesStored(std::uint64_t files, std::uint64_t bytes) {
+    state->files.Increment(static_cast<double>(files));
+    state->fileBytes.Increment(static_cast<double>(bytes));
+}
+
+std::string Metrics::scrape(const Snapshot& now) {
+    state->memoryInUse.Set(static_cast<double>(now.memoryInUse));
+    state->memoryBudget.Set(static_cast<double>(now.memoryBudget));
+    state->connectionsOpen.Set(static_cast<double>(now.connections));
+    state->connectionLimit.Set(static_cast<double>(now.connectionLimit));
+    std::ostringstream out;
+    prometheus::TextSerializer().Serialize(out, state->registry.Collect());
+    return out.str();
+}
+
+} // namespace kestrin::host
