@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
-# Installs every Debian package the build, the server and the tests need. Run as root on
-# Debian 12. Quick when everything is already there: apt-get runs only for what is missing.
+# Installs every Debian package the build and the server need; with --tests, also what the
+# tests need (sanitizers, a browser and its npm driver, curl). Run as root on Debian 12. Quick
+# when everything is already there: apt-get runs only for what is missing.
 set -euo pipefail
 
 packages=(
     cmake ninja-build g++ pkg-config
-    libboost-dev libcrypt-dev
-    libgtest-dev libgmock-dev libbenchmark-dev
-    clang libclang-rt-14-dev
-    curl python3 procps time
-    chromium nodejs npm
+    libboost-dev libcrypt-dev libssl-dev libcli11-dev prometheus-cpp-dev
 )
+tests=0
+if [[ "${1:-}" == "--tests" ]]; then
+    tests=1
+    packages+=(
+        libgtest-dev libgmock-dev libbenchmark-dev
+        clang libclang-rt-14-dev
+        curl openssl python3 procps time
+        chromium nodejs npm
+    )
+fi
 
 # A node.js from another source (such as one that bundles npm) serves as well as Debian's,
 # whose npm package cannot be installed beside it.
@@ -35,7 +42,7 @@ fi
 
 # The browser test drives Debian's chromium through playwright-core from the npm registry.
 root=$(cd "$(dirname "$0")/.." && pwd)
-if [[ -f "$root/tests/e2e/package.json" && ! -d "$root/tests/e2e/node_modules/playwright-core" ]]; then
+if ((tests)) && [[ -f "$root/tests/e2e/package.json" && ! -d "$root/tests/e2e/node_modules/playwright-core" ]]; then
     echo "bootstrap: installing the browser test's npm packages"
     (cd "$root/tests/e2e" && npm ci --no-audit --no-fund --loglevel=error)
 fi

@@ -8,8 +8,11 @@ cd "$root"
 
 "$root/scripts/bootstrap.sh"
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
+# Only the server: serving needs no test framework, browser or npm package.
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIN_BUILD_TESTS=OFF \
+    -DKESTRIN_BUILD_BENCH=OFF > /dev/null
 cmake --build build -j "$(nproc)" --target kestrin-upload-server
 
-echo "serving http://127.0.0.1:8080/ from $root/uploads (Ctrl-C stops)"
-exec "$root/build/host/kestrin-upload-server" --listen 127.0.0.1:8080 --dir "$root/uploads" "$@"
+# The server prints the address it really listens on; a --dir or --listen given here wins over
+# the defaults before it.
+exec "$root/build/host/kestrin-upload-server" --dir "$root/uploads" "$@"

@@ -8,13 +8,14 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
-"$root/scripts/bootstrap.sh"
+"$root/scripts/bootstrap.sh" --tests
 
 jobs=$(nproc)
 stage() { printf '\n=== %s\n' "$*"; }
 
 stage "build and test (RelWithDebInfo)"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIN_BUILD_TESTS=ON \
+    -DKESTRIN_BUILD_BENCH=ON > /dev/null
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
 # Benchmarks are measured in a Release build; here they only have to run.

@@ -253,6 +253,66 @@ TEST(RequestGate, routesTheRestAsBeforeAndReadsTheBoundary) {
     EXPECT_EQ(decide(gate, "Content-Type: text/plain\r\n").boundary, std::nullopt);
 }
 
+// A load balancer asks for health without credentials; metrics say who uploads how much, so
+// they need them. Either endpoint answers GET and HEAD only, never from a cache, and every
+// request is counted under a label from a fixed set, whatever path a client makes up.
+TEST(RequestGate, healthAndMetricsAnswerFromTheHeadAndRoutesLabelFromAFixedSet) {
+    BasicAuth auth(PasswordFile::parse("alice:" + hashPassword("pw"), "test"));
+    std::optional<std::string> problem;
+    StatusEndpoints endpoints;
+    endpoints.healthProblem = [&problem] { return problem; };
+    endpoints.metrics = [] { return std::string("kestrin_up 1\n"); };
+    endpoints.metricsType = "text/plain; version=0.0.4";
+    const RequestGate gate(GateSettings{}, uploadDispatcher(), nullptr, &auth, endpoints);
+    const std::string login = "Authorization: Basic YWxpY2U6cHc=\r\n"; // alice:pw
+
+    struct Case {
+        std::string start;
+        std::string fields;
+        unsigned status;
+        std::string body;
+        std::string route;
+    };
+    const std::vector<Case> cases = {
+        {"GET /healthz HTTP/1.1", "", 200, "ok\n", "/healthz"},
+        {"HEAD /healthz?probe=1 HTTP/1.1", "", 200, "ok\n", "/healthz"},
+        {"POST /healthz HTTP/1.1", "", 405, "Method Not Allowed\n", "/healthz"},
+        {"GET /metrics HTTP/1.1", "", 401, "Unauthorized: log in to upload\n", "other"},
+        {"GET /metrics HTTP/1.1", login, 200, "kestrin_up 1\n", "/metrics"},
+        {"HEAD / HTTP/1.1", login, 200, "", "/"},
+        {"GET /made-up-path-1 HTTP/1.1", login, 404, "Not Found\n", "other"},
+        {"POST /ORVANE%20Drive HTTP/1.1", login, 0, "", "/ORVANE Drive"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.start + " " + c.fields);
+        const Verdict verdict = decide(gate, c.fields, c.start);
+        EXPECT_EQ(verdict.route, c.route);
+        if (c.status == 0) {
+            EXPECT_EQ(verdict.kind, Kind::service);
+            continue;
+        }
+        EXPECT_EQ(verdict.reply.status, c.status);
+        if (!c.body.empty()) {
+            EXPECT_EQ(text(verdict.reply), c.body);
+        }
+    }
+    EXPECT_EQ(decide(gate, "", "POST /healthz HTTP/1.1").reply.headers.front().second, "GET, HEAD");
+    const Verdict scrape = decide(gate, login, "GET /metrics HTTP/1.1");
+    EXPECT_EQ(scrape.reply.contentType, "text/plain; version=0.0.4");
+    EXPECT_EQ(header(scrape.reply, "Cache-Control"), "no-store");
+
+    problem = "the upload directory is gone";
+    const Verdict sick = decide(gate, "", "GET /healthz HTTP/1.1");
+    EXPECT_EQ(sick.reply.status, 503u);
+    EXPECT_EQ(text(sick.reply), "unavailable: the upload directory is gone\n");
+    EXPECT_EQ(sick.reply.detail, "the upload directory is gone");
+
+    // Without the endpoints, the paths are nobody's.
+    const RequestGate bare(GateSettings{}, uploadDispatcher(), nullptr, nullptr);
+    EXPECT_EQ(decide(bare, "", "GET /healthz HTTP/1.1").reply.status, 404u);
+    EXPECT_EQ(decide(bare, "", "GET /metrics HTTP/1.1").reply.status, 404u);
+}
+
 TEST(RequestGate, readFailuresAreAnsweredWhileSomeoneListensAndTheirDeadlinesHold) {
     GateSettings settings;
     settings.headerTimeout = std::chrono::seconds(10);
