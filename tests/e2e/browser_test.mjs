@@ -57,7 +57,7 @@ function startServer(children, directory, flags = []) {
 // answers, so it is there, or on its way through the pipe, once the browser has the answer.
 function logLine(server, target) {
   const find = () => server.log.slice(0, server.log.lastIndexOf('\n') + 1).split('\n')
-    .find((line) => line.startsWith(`POST ${target} `));
+    .find((line) => line.includes(` POST "${target}" `));
   return new Promise((resolvePromise, reject) => {
     const check = () => {
       const line = find();
@@ -183,7 +183,7 @@ async function main() {
     const messages = await attacker.evaluate(() => window.messages);
 
     // Each attack is judged on its own, so one run names every protection that is missing.
-    const refused = new RegExp(` 403 0 \\d+ms \\(.*Origin ${site.origin}\\b`);
+    const refused = new RegExp(` 403 in=0 ms=[\\d.]+ reason=".*Origin ${site.origin}\\b`);
     const failures = [];
     const verify = (what, check) => {
       try {
@@ -223,7 +223,8 @@ async function main() {
     const listed = join(root, 'listed');
     const listing = await startServer(children, listed, ['--allow-origin', site.origin]);
     await attacker.goto(site.attack(`${listing.url}users`, 'victim.txt'));
-    assert.match(await logLine(listing, '/users?attack=form'), / 200 \d+ \d+ms$/);
+    assert.match(await logLine(listing, '/users?attack=form'),
+      / 200 in=\d+ ms=[\d.]+ files="victim\.txt":\d+$/);
     assert.deepEqual(readdirSync(listed), ['victim.txt']);
     assert.equal(readFileSync(join(listed, 'victim.txt'), 'utf8'), plantedContent);
     await attacker.waitForFunction(() => window.messages.length > 0, null, { timeout: 20000 });
