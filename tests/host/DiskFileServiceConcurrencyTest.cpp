@@ -6,7 +6,10 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
 #include <future>
+#include <set>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -80,6 +83,56 @@ TEST_F(DiskFileServiceConcurrency,
     EXPECT_EQ(syncs, heavy + 1);
     EXPECT_EQ(names(uploads).size(), total);
     EXPECT_EQ(contents(uploads / "light"), "light");
+}
+
+// Two requests store many files of one name at once, their writes spread over writers that
+// race for the same numbered names: a file that lost its name to another write taken in
+// between would be missing. Also where hard links take the names.
+TEST_F(DiskFileServiceConcurrency, renamingWritesOfOneNameAtOnceKeepEveryFile) {
+    constexpr int perRequest = 40;
+    for (const bool linking : {false, true}) {
+        SCOPED_TRACE(linking ? "hard links" : "renameat2");
+        std::filesystem::remove_all(uploads);
+        std::filesystem::create_directory(uploads);
+        const auto withoutNoReplace = [](const char* from, const char* to, unsigned flags) {
+            errno = EINVAL;
+            return flags != 0 ? -1 : ::rename(from, to);
+        };
+        DiskFileService service(uploads.string(), 4, {}, ConflictPolicy::rename,
+                                linking ? withoutNoReplace : DiskFileService::MoveFile());
+        const std::string path = (uploads / "same.txt").string();
+        std::set<std::string> written;
+        std::array<size_t, 2> reported{};
+        std::vector<std::thread> threads;
+        for (size_t r = 0; r < reported.size(); ++r) {
+            threads.emplace_back([&, r] {
+                DiskFileService::RequestScope scope(service, perRequest);
+                std::vector<Future<FileInfo>> writes;
+                for (int i = 0; i < perRequest; ++i) {
+                    writes.push_back(service.writeFile(
+                        File(FileInfo(std::u16string(path.begin(), path.end())),
+                             common::DataBuffer(std::to_string(r) + "-" + std::to_string(i))),
+                        true));
+                }
+                for (Future<FileInfo>& write : writes) {
+                    EXPECT_NO_THROW(write.get());
+                }
+                reported[r] = scope.stored().size();
+            });
+            for (int i = 0; i < perRequest; ++i) {
+                written.insert(std::to_string(r) + "-" + std::to_string(i));
+            }
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        std::set<std::string> found;
+        for (const std::string& name : names(uploads)) {
+            found.insert(contents(uploads / name));
+        }
+        EXPECT_EQ(found, written);
+        EXPECT_EQ(reported, (std::array<size_t, 2>{perRequest, perRequest}));
+    }
 }
 
 } // namespace

@@ -10,8 +10,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <future>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -46,6 +50,28 @@ protected:
         return service.writeFile(File(FileInfo(path), common::DataBuffer(bytes)), overwrite);
     }
     std::u16string in(const std::string& name) const { return u16((uploads / name).string()); }
+    // The name a write stored its file under, or the text of its failure.
+    std::string outcome(Future<FileInfo>&& written) const {
+        try {
+            const std::u16string path = written.get().path;
+            const std::u16string prefix = in("");
+            if (path.compare(0, prefix.size(), prefix) != 0) {
+                return "<stored outside the upload directory>";
+            }
+            return ost::i18n::to_string(path.substr(prefix.size()));
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+    }
+    // Every entry of the upload directory with its contents; a directory shows as "<dir>".
+    std::map<std::string, std::string> snapshot() const {
+        std::map<std::string, std::string> files;
+        for (const std::string& name : names(uploads)) {
+            files[name] =
+                std::filesystem::is_directory(uploads / name) ? "<dir>" : contents(uploads / name);
+        }
+        return files;
+    }
     // Syncs the directory, counting the calls; fails them while failing is set, and holds the
     // first one until held is released, if set: with one writer, that holds every later write.
     DiskFileService::DirectorySync countingSync() {
@@ -301,6 +327,151 @@ TEST_F(DiskFileServiceTest, refusalsNeedNoWriterAndALateWriteSyncsForItself) {
     late.get();
     EXPECT_EQ(syncs, 2);
     EXPECT_EQ(names(uploads), (std::set<std::string>{"held", "late"}));
+}
+
+// Each policy, with the filesystem's own way of not replacing and as each answer of one that
+// has none. The second write asks not to overwrite, which no policy may then do. A name taken
+// is the client's doing, no failure of the server.
+TEST_F(DiskFileServiceTest, theConflictPolicyDecidesWhatBecomesOfAnExistingFile) {
+    const std::string taken = "Refused file 'x.txt': a file of that name already exists";
+    struct Case {
+        ConflictPolicy policy;
+        std::string first;
+        std::string second;
+        std::string directory;
+        std::map<std::string, std::string> files;
+    };
+    const Case cases[] = {
+        {ConflictPolicy::replace,
+         "x.txt",
+         taken,
+         "Refused file 'sub': a directory of that name exists",
+         {{"new.txt", "n"}, {"x.txt", "first"}, {"sub", "<dir>"}}},
+        {ConflictPolicy::refuse,
+         taken,
+         taken,
+         "Refused file 'sub': a file of that name already exists",
+         {{"new.txt", "n"}, {"x.txt", "old"}, {"sub", "<dir>"}}},
+        {ConflictPolicy::rename,
+         "x (1).txt",
+         "x (2).txt",
+         "sub (1)",
+         {{"new.txt", "n"},
+          {"x.txt", "old"},
+          {"x (1).txt", "first"},
+          {"x (2).txt", "second"},
+          {"sub", "<dir>"},
+          {"sub (1)", "s"}}},
+    };
+    for (const int error : {0, EINVAL, ENOSYS, EOPNOTSUPP}) {
+        const auto lacking = [error](const char* from, const char* to, unsigned flags) {
+            errno = error;
+            return flags != 0 ? -1 : ::rename(from, to);
+        };
+        for (const Case& c : cases) {
+            SCOPED_TRACE("policy " + std::to_string(static_cast<int>(c.policy)) +
+                         (error == 0 ? ", renameat2" : std::string(", ") + std::strerror(error)));
+            std::filesystem::remove_all(uploads);
+            std::filesystem::create_directories(uploads / "sub");
+            std::ofstream(uploads / "x.txt") << "old";
+            DiskFileService service(uploads.string(), 1, {}, c.policy,
+                                    error == 0 ? DiskFileService::MoveFile() : lacking);
+            RequestScope scope(service, 4);
+            EXPECT_EQ(outcome(write(service, in("new.txt"), "n")), "new.txt");
+            EXPECT_EQ(outcome(write(service, in("x.txt"), "first")), c.first);
+            EXPECT_EQ(outcome(write(service, in("x.txt"), "second", false)), c.second);
+            EXPECT_EQ(outcome(write(service, in("sub"), "s")), c.directory);
+            EXPECT_EQ(snapshot(), c.files);
+            EXPECT_TRUE(scope.failures().empty());
+        }
+    }
+}
+
+TEST_F(DiskFileServiceTest, renameNumbersBeforeTheExtensionWithinTheLongestNameAndABound) {
+    DiskFileService service(uploads.string(), 1, {}, ConflictPolicy::rename);
+    const std::string longest = std::string(247, 'a') + ".txt"; // 251 bytes: " (1)" fits
+    const std::string tooLong = std::string(248, 'b') + ".txt";
+    const std::pair<std::string, std::string> cases[] = {
+        {"x.txt", "x (1).txt"},
+        {".profile", ".profile (1)"},
+        {"a.tar.gz", "a.tar (1).gz"},
+        {"README", "README (1)"},
+        {"end.", "end (1)."},
+        {"\xc3\xa9t\xc3\xa9.jpeg", "\xc3\xa9t\xc3\xa9 (1).jpeg"},
+        {longest, std::string(247, 'a') + " (1).txt"},
+        {tooLong, "Refused file '" + tooLong +
+                      "': a file of that name exists, and a numbered name would be longer than "
+                      "255 bytes"},
+    };
+    for (const auto& [name, stored] : cases) {
+        SCOPED_TRACE(name);
+        std::ofstream(uploads / name) << "old";
+        EXPECT_EQ(outcome(write(service, in(name), "new")), stored);
+    }
+
+    std::ofstream(uploads / "many.txt") << "old";
+    for (unsigned i = 1; i <= DiskFileService::maxRenameAttempts; ++i) {
+        std::ofstream(uploads / ("many (" + std::to_string(i) + ").txt")) << "old";
+    }
+    EXPECT_EQ(outcome(write(service, in("many.txt"), "new")),
+              "Refused file 'many.txt': a file of that name exists, and so do its numbered names "
+              "up to (1000)");
+    std::filesystem::remove(uploads / "many (1000).txt");
+    EXPECT_EQ(outcome(write(service, in("many.txt"), "new")), "many (1000).txt");
+    EXPECT_EQ(contents(uploads / "many (1000).txt"), "new");
+    EXPECT_EQ(names(uploads).size(), 2 * std::size(cases) - 1 + 1001);
+}
+
+// What the server logs as its own errors: a system call's failure, with the file, the
+// directory and the cause. The client is told what it was always told.
+TEST_F(DiskFileServiceTest, aScopeReportsWhatItStoredAndOnlyTheServersOwnFailures) {
+    const std::string dir = uploads.string();
+    std::atomic<int> moveError{0};
+    DiskFileService renaming(
+        dir, 1, {}, ConflictPolicy::rename, [&](const char* from, const char* to, unsigned flags) {
+            errno = moveError;
+            return moveError != 0 ? -1 : ::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags);
+        });
+    {
+        RequestScope scope(renaming, 20);
+        EXPECT_EQ(outcome(write(renaming, in("a.txt"), "abc")), "a.txt");
+        EXPECT_EQ(outcome(write(renaming, in("a.txt"), "abcd")), "a (1).txt");
+        std::vector<std::string> expected;
+        for (const int error : {EROFS, ENOSPC, EDQUOT, EIO, EACCES}) {
+            SCOPED_TRACE(std::strerror(error));
+            moveError = error;
+            EXPECT_EQ(outcome(write(renaming, in("b.txt"), "b")),
+                      std::string("Cannot store b.txt: ") + std::strerror(error));
+            expected.push_back("cannot store \"b.txt\" in " + dir + ": " + std::strerror(error));
+        }
+        moveError = 0;
+        std::filesystem::remove_all(uploads);
+        EXPECT_EQ(outcome(write(renaming, in("c.txt"), "c")),
+                  "Cannot create a temporary file for c.txt: No such file or directory");
+        expected.push_back("cannot store \"c.txt\" in " + dir + ": No such file or directory");
+        EXPECT_EQ(thrownText<std::runtime_error>([&] { scope.finish(); }),
+                  "Cannot make the stored files durable: No such file or directory");
+        expected.push_back("cannot make the files stored in " + dir +
+                           " durable: No such file or directory");
+
+        EXPECT_EQ(scope.failures(), expected);
+        const std::vector<StoredFile> stored = scope.stored();
+        ASSERT_EQ(stored.size(), 2u);
+        EXPECT_EQ(stored[0].name, "a.txt");
+        EXPECT_EQ(stored[0].size, 3u);
+        EXPECT_EQ(stored[1].name, "a (1).txt");
+        EXPECT_EQ(stored[1].size, 4u);
+    }
+
+    // However many files a request may store, a scope keeps only the first few names.
+    std::filesystem::create_directory(uploads);
+    RequestScope scope(renaming, 1000);
+    for (size_t i = 0; i <= RequestScope::recordLimit; ++i) {
+        write(renaming, in("f" + std::to_string(i)), "f").get();
+    }
+    EXPECT_EQ(scope.filesStored(), RequestScope::recordLimit + 1);
+    EXPECT_EQ(scope.stored().size(), RequestScope::recordLimit);
+    EXPECT_EQ(scope.stored().back().name, "f" + std::to_string(RequestScope::recordLimit - 1));
 }
 
 } // namespace
