@@ -930,13 +930,19 @@ private:
         }
     }
 
+    // Answers the server gave instead of serving: not the service's own pages, and not a path
+    // or method that simply is not there.
+    bool refusedByServer(unsigned status) const {
+        return !fromService && status >= 400 && status != 404 && status != 405;
+    }
+
     void countEnd(const Reply& reply) {
         countStart();
         counting = false;
         const auto elapsed =
             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
         shared->metrics.requestFinished(verdict.route, reply.status, bytesIn, elapsed,
-                                        !fromService && reply.status >= 400);
+                                        refusedByServer(reply.status));
         if (!stored.files.empty() || stored.notListed > 0) {
             std::uint64_t bytes = 0;
             for (const auto& file : stored.files) {
