@@ -105,17 +105,23 @@ class StartError(AssertionError):
 class Server:
     """One server process. start() returns once it has said where it listens; stop() sends
     SIGTERM and returns the exit code; kill() is the last resort and always safe.
-    preexec_fn runs in the child before the server starts (limits, a parent-death signal)."""
+    preexec_fn runs in the child before the server starts (limits, a parent-death signal).
+    listen None leaves --listen to env (added to the environment) or a --config file; the
+    address printed at start is where connect() goes, 127.0.0.1 for one that names every
+    interface."""
 
-    def __init__(self, directory, *flags, threads=2, preexec_fn=None):
+    def __init__(self, directory, *flags, threads=2, preexec_fn=None, listen="127.0.0.1:0",
+                 env=None):
         self.directory = directory
         self.log = tempfile.TemporaryFile()
         self.process = subprocess.Popen(
-            [SERVER, "--listen", "127.0.0.1:0", "--dir", directory, "--threads", str(threads),
-             *flags],
-            stdout=subprocess.PIPE, stderr=self.log, preexec_fn=preexec_fn)
+            [SERVER, *(("--listen", listen) if listen else ()), "--dir", directory,
+             "--threads", str(threads), *flags],
+            stdout=subprocess.PIPE, stderr=self.log, preexec_fn=preexec_fn,
+            env=dict(os.environ, **env) if env else None)
         line = self._first_line(timeout=60)
-        match = re.fullmatch(r"listening on http://127\.0\.0\.1:(\d+)/\n", line)
+        match = re.fullmatch(r"listening on (https?)://(\[[0-9a-fA-F:]+\]|[^/:\[\]]+):(\d+)/\n",
+                             line)
         if not match:
             # A server that refused its command line closes its output as it exits.
             try:
@@ -126,8 +132,8 @@ class Server:
             log = self.logged()
             raise StartError("unexpected start-up line %r; log:\n%s" % (line, log), exit_code,
                              log)
-        self.port = int(match.group(1))
-        self.url = "http://127.0.0.1:%d" % self.port
+        self.scheme, self.host, self.port = match.group(1), match.group(2), int(match.group(3))
+        self.url = "%s://%s:%d" % (self.scheme, self.host, self.port)
 
     def _first_line(self, timeout):
         lines = []
@@ -138,7 +144,9 @@ class Server:
         return lines[0].decode() if lines else ""
 
     def connect(self, timeout=30):
-        return socket.create_connection(("127.0.0.1", self.port), timeout=timeout)
+        host = self.host.strip("[]")
+        return socket.create_connection(("127.0.0.1" if host in ("0.0.0.0", "::") else host,
+                                         self.port), timeout=timeout)
 
     def stop(self, timeout=60):
         self.process.send_signal(signal.SIGTERM)

@@ -1,0 +1,430 @@
+#!/usr/bin/env python3
+"""End-to-end tests of what an operator of kestrin-upload-server relies on: where settings come
+from and how bad ones are refused, the upload directory checked at start, one log line per
+request (text and JSON), /healthz, /metrics, names already taken, and HTTPS. Each test starts
+the servers it needs on 127.0.0.1 (a free port) in a temporary directory of its own.
+
+The server binary comes from KESTRIN_SERVER (set by CTest) or the first argument."""
+
+import contextlib
+import datetime
+import json
+import os
+import re
+import shutil
+import socket
+import ssl
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+import serverlib
+from serverlib import SUCCESS_PAGE, Server, file_part, multipart, page_message
+
+BOUNDARY = b"ops-e2e-boundary"
+
+
+def upload_body(files):
+    """A multipart body of (name, content) files, both bytes."""
+    return multipart(BOUNDARY, [file_part(name, content) for name, content in files])
+
+
+def body_of_size(size):
+    """An upload of one file whose body is exactly size bytes."""
+    overhead = len(upload_body([(b"sized.bin", b"")]))
+    return upload_body([(b"sized.bin", b"s" * (size - overhead))])
+
+
+def exchange(server, method, path, headers=b"", body=b"", context=None):
+    """One request on a connection of its own; (status, fields with lowercase names, body), or
+    (None, {}, raw bytes) when the answer is no HTTP."""
+    with contextlib.ExitStack() as stack:
+        connection = stack.enter_context(server.connect(timeout=30))
+        if context:
+            connection = stack.enter_context(
+                context.wrap_socket(connection, server_hostname="127.0.0.1"))
+        connection.sendall(b"%s %s HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nContent-Length: %d\r\n"
+                           b"Connection: close\r\n" % (method, path, server.port, len(body)) +
+                           headers + b"\r\n" + body)
+        raw = b""
+        try:
+            while chunk := connection.recv(1 << 16):
+                raw += chunk
+        except (ConnectionResetError, ssl.SSLError):
+            pass  # whatever came before the close is the answer
+    head, separator, rest = raw.partition(b"\r\n\r\n")
+    match = re.match(rb"HTTP/1\.1 (\d{3}) ", head)
+    if not separator or not match:
+        return None, {}, raw
+    lines = (line.decode("latin-1").partition(":") for line in head.split(b"\r\n")[1:])
+    return int(match.group(1)), {name.lower(): value.strip() for name, _, value in lines}, rest
+
+
+def upload(server, files=None, body=None, headers=b"", context=None):
+    return exchange(server, b"POST", b"/users", b"Content-Type: multipart/form-data; boundary=" +
+                    BOUNDARY + b"\r\n" + headers, upload_body(files) if body is None else body,
+                    context)
+
+
+QUOTED = r'"(?:[^"\\]|\\.)*"'
+TEXT_LINE = re.compile(r'(?P<time>\S+) (?:INFO|WARN|ERROR) (?P<client>\S+) (?P<method>[A-Z]+) '
+                       r'(?P<target>%s) (?P<status>\d{3}) in=(?P<bytes_in>\d+) '
+                       r'ms=(?P<duration>\d+\.\d)(?: files=(?P<files>(?:%s:\d+,?)+))?'
+                       r'(?: reason=(?P<reason>%s))?' % (QUOTED, QUOTED, QUOTED))
+RFC3339_UTC = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?Z")
+
+
+def unquote_text(quoted):
+    """A text log field back to what the client sent; bytes that were not UTF-8 come back as
+    U+FFFD, as the JSON log writes them."""
+    raw = re.sub(rb"\\(x[0-9A-F]{2}|.)", lambda m: bytes([int(m.group(1)[1:], 16)])
+                 if len(m.group(1)) == 3 else m.group(1), quoted[1:-1].encode())
+    return raw.decode(errors="replace")
+
+
+def request_lines(log, log_format):
+    """The request records of a log, each a dict of the JSON form. Every line after the start
+    line must be one, so a forged or split line shows up as a line that is not."""
+    lines = log.splitlines()
+    assert "storing uploads in" in lines[0], lines[0]
+    records = []
+    for line in lines[1:]:
+        if log_format == "json":
+            record = json.loads(line)
+            assert record.pop("event") == "request", line
+        else:
+            match = TEXT_LINE.fullmatch(line)
+            assert match, "not a request line: %r" % line
+            record = {key: value for key, value in match.groupdict().items() if value}
+            record["target"] = unquote_text(record["target"])
+            record["status"] = int(record["status"])
+            record["bytes_in"] = int(record["bytes_in"])
+            record["duration_ms"] = float(record.pop("duration"))
+            if "files" in record:
+                record["files"] = [{"name": unquote_text(name), "size": int(size)} for name, size
+                                   in re.findall(r"(%s):(\d+)" % QUOTED, record["files"])]
+            if "reason" in record:
+                record["reason"] = unquote_text(record["reason"])
+        records.append(record)
+    return records
+
+
+def parse_metrics(text):
+    """Prometheus text: {(name, frozenset of label pairs): value}; every sample line must parse."""
+    samples = {}
+    for line in text.splitlines():
+        if not line or line.startswith("#"):
+            continue
+        match = re.fullmatch(r"([a-zA-Z_:][a-zA-Z0-9_:]*)(?:\{(.*)\})? (\S+)", line)
+        assert match, "not a sample: %r" % line
+        labels = re.findall(r'([a-zA-Z_]\w*)="((?:[^"\\]|\\.)*)"', match.group(2) or "")
+        assert ",".join('%s="%s"' % pair for pair in labels) == (match.group(2) or ""), line
+        samples[(match.group(1), frozenset(labels))] = float(match.group(3))
+    return samples
+
+
+def metric(samples, name, **labels):
+    return samples.get((name, frozenset(labels.items())))
+
+
+class OperationsTestCase(unittest.TestCase):
+    def setUp(self):
+        serverlib.skip_without_server()
+        self.root = tempfile.mkdtemp(prefix="kestrin-ops-")
+        self.addCleanup(shutil.rmtree, self.root, True)
+
+    def start(self, *flags, **options):
+        """A server in an upload directory of its own, killed when the test ends."""
+        server = Server(tempfile.mkdtemp(dir=self.root), *flags, **options)
+        self.addCleanup(server.close)
+        return server
+
+    def write(self, name, text):
+        path = os.path.join(self.root, name)
+        with open(path, "w") as file:
+            file.write(text)
+        return path
+
+    def run_refused(self, *arguments, env=None):
+        """Runs a server that must not start: (exit code, stdout, stderr)."""
+        try:
+            done = subprocess.run([serverlib.SERVER, *arguments], capture_output=True, timeout=20,
+                                  env=dict(os.environ, **(env or {})))
+        except subprocess.TimeoutExpired as error:
+            self.fail("still running after 20 s; stdout %r" % error.stdout)
+        return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+
+class ConfigurationTest(OperationsTestCase):
+    def test_each_listen_form_binds_and_prints_the_address_it_took(self):
+        try:
+            socket.create_server(("::1", 0), family=socket.AF_INET6).close()
+            ipv6 = True
+        except OSError:
+            ipv6 = False
+        for listen, printed in (("127.0.0.1:0", "127.0.0.1"), ("localhost:0", "localhost"),
+                                ("[::1]:0", "[::1]"), (":0", "0.0.0.0")):
+            with self.subTest(listen=listen):
+                if printed == "[::1]" and not ipv6:
+                    self.skipTest("no IPv6 loopback")
+                server = self.start(listen=listen)
+                self.assertEqual((server.scheme, server.host), ("http", printed))
+                self.assertNotEqual(server.port, 0)
+                # The printed port is the one bound: the server answers on it.
+                self.assertEqual(exchange(server, b"GET", b"/healthz")[0], 200)
+
+    def test_body_limit_comes_from_flag_environment_or_file_the_flag_first(self):
+        file_1k = "max-body = 1K\n"
+        # (flags, environment, config file, {body size: status})
+        for flags, env, config, expected in (
+                (["--max-body", "1KiB"], {}, None, {512: 200, 1024: 200, 1025: 413, 2048: 413}),
+                ([], {"KESTRIN_MAX_BODY": "1K"}, None, {512: 200, 2048: 413}),
+                ([], {}, file_1k, {512: 200, 1024: 200, 1025: 413, 2048: 413}),
+                (["--max-body", "4K"], {"KESTRIN_MAX_BODY": "2K"}, file_1k, {3072: 200}),
+                ([], {"KESTRIN_MAX_BODY": "2K"}, file_1k, {1536: 200, 3072: 413}),
+                (["--max-body", "4K"], {}, file_1k, {3072: 200, 5000: 413})):
+            with self.subTest(flags=flags, env=env, config=config):
+                if config:
+                    flags = flags + ["--config", self.write("settings.conf", config)]
+                server = self.start(*flags, env=env)
+                for size, status in expected.items():
+                    self.assertEqual(upload(server, body=body_of_size(size))[0], status, size)
+
+    def test_a_bad_setting_exits_2_before_listening_naming_it_and_what_is_expected(self):
+        bogus = self.write("bogus.conf", "bogus = 1\n")
+        bad_size = self.write("size.conf", "max-body = 10XB\n")
+        quiet = ["--dir", os.path.join(self.root, "never")]
+        here = ["--listen", "127.0.0.1:0"] + quiet
+        for arguments, env, words in (
+                (here + ["--max-body", "10XB"], None, ["--max-body 10XB", "expected a number"]),
+                (quiet, {"KESTRIN_LISTEN": "70000"}, ["KESTRIN_LISTEN=70000", "0 to 65535"]),
+                (here + ["--config", bogus], None, [bogus, "bogus", "not a setting"]),
+                (here + ["--config", bad_size], None,
+                 [bad_size, "max-body = 10XB", "expected a number"]),
+                (here + ["--on-conflict", "maybe"], None,
+                 ["--on-conflict maybe", "replace refuse rename"])):
+            with self.subTest(arguments=arguments[len(quiet):], env=env):
+                code, out, err = self.run_refused(*arguments, env=env)
+                self.assertEqual(code, 2, err)
+                self.assertNotIn("listening on", out)
+                for word in words:
+                    self.assertIn(word, err)
+
+    def test_an_upload_directory_that_cannot_take_files_stops_the_start(self):
+        blocker = self.write("a-file", "")
+        for directory, words in ((os.path.join(blocker, "uploads"), "cannot create"),
+                                 ("/proc", "cannot write")):
+            with self.subTest(directory=directory):
+                code, out, err = self.run_refused("--listen", "127.0.0.1:0", "--dir", directory)
+                self.assertNotEqual(code, 0)
+                self.assertNotIn("listening on", out)
+                self.assertIn("--dir " + directory + ": " + words, err)
+
+
+class LogTest(OperationsTestCase):
+    def test_each_request_is_one_line_with_what_happened_whatever_the_client_sent(self):
+        two = [(b"one.txt", b"12345"), (b"two words.bin", b"t" * 300)]
+        forged = b'\n2026-01-01T00:00:00.000Z INFO 127.0.0.1 GET "/forged" 200 in=0 ms=0.1'
+        odd_name = "back\\slash \u00e9.bin".encode()
+        evil = b"Origin: http://evil.example\r\n"
+        quoting = b'Origin: http://evil.example\xff\t" 200 in=0 ms=0.1 files="forged.txt":1\r\n'
+        # (files, body, headers, status)
+        requests = ((two, None, b"", 200), ([(b"../x", b"x")], None, b"", 400),
+                    (two, None, evil, 403), (None, body_of_size(2048), b"", 413),
+                    ([(b"lf" + forged, b"lf")], None, b"", 200),
+                    ([(odd_name, b"odd")], None, b"", 200), (two, None, quoting, 403))
+        for log_format in ("text", "json"):
+            with self.subTest(log_format=log_format):
+                server = self.start("--max-body", "1K", "--log-format", log_format)
+                sent = []
+                for files, body, headers, status in requests:
+                    body = upload_body(files) if body is None else body
+                    answer = upload(server, body=body, headers=headers)
+                    self.assertEqual(answer[0], status, page_message(answer[2]))
+                    sent.append(len(body))
+                log = server.logged()
+                # A tab in a header is the one control character a client can get in.
+                self.assertNotRegex(log, r"[\x00-\x09\x0b-\x1f\x7f]")
+                records = request_lines(log, log_format)
+                self.assertEqual([(r["method"], r["target"], r["status"]) for r in records],
+                                 [("POST", "/users", status) for *_, status in requests])
+                now = datetime.datetime.now(datetime.timezone.utc)
+                for record, length in zip(records, sent):
+                    self.assertRegex(record["time"], RFC3339_UTC)
+                    logged = datetime.datetime.fromisoformat(record["time"].replace("Z", "+00:00"))
+                    self.assertLess(abs((now - logged).total_seconds()), 60)
+                    self.assertEqual(record["client"], "127.0.0.1")
+                    self.assertGreaterEqual(record["duration_ms"], 0)
+                    self.assertLessEqual(record["bytes_in"], length)
+                    # An answer of the module's has the whole body behind it; only refusals
+                    # say why.
+                    if record["status"] in (200, 400):
+                        self.assertEqual(record["bytes_in"], length)
+                    self.assertEqual("reason" in record, record["status"] != 200, record)
+                stored = [[(f["name"], f["size"]) for f in r.get("files", [])] for r in records]
+                self.assertEqual(stored, [[("one.txt", 5), ("two words.bin", 300)], [], [], [],
+                                          [("lf", 2)], [(odd_name.decode(), 3)], []])
+                self.assertIn("'../x'", records[1]["reason"])
+                self.assertIn("evil.example", records[2]["reason"])
+                self.assertIn("limit", records[3]["reason"])
+                self.assertIn(quoting[8:-2].decode(errors="replace"), records[6]["reason"])
+
+
+class HealthTest(OperationsTestCase):
+    def test_health_follows_the_upload_directory_and_head_answers_like_get(self):
+        server = self.start()
+        for method in (b"GET", b"HEAD"):
+            status, fields, body = exchange(server, method, b"/healthz")
+            self.assertEqual((status, body), (200, b"ok\n" if method == b"GET" else b""))
+            self.assertEqual(fields["content-length"], "3")
+        status, fields, _ = exchange(server, b"POST", b"/healthz", body=b"x")
+        self.assertEqual((status, fields.get("allow")), (405, "GET, HEAD"))
+
+        status, get_fields, page = exchange(server, b"GET", b"/")
+        self.assertEqual((status, get_fields["content-length"]), (200, str(len(page))))
+        status, head_fields, nothing = exchange(server, b"HEAD", b"/")
+        self.assertEqual((status, head_fields["content-length"], nothing),
+                         (200, get_fields["content-length"], b""))
+
+        shutil.rmtree(server.directory)
+        status, _, body = exchange(server, b"GET", b"/healthz")
+        self.assertEqual(status, 503)
+        self.assertIn(b"directory is gone", body)
+        self.assertEqual(exchange(server, b"HEAD", b"/healthz")[::2], (503, b""))
+
+
+class MetricsTest(OperationsTestCase):
+    def test_counters_follow_uploads_and_refusals_with_a_bounded_route_label(self):
+        server = self.start("--max-body", "4K")
+        uploads, sent = 3, 0
+        for i in range(uploads):
+            body = upload_body([(b"m%d-a.bin" % i, b"a" * 100), (b"m%d-b.bin" % i, b"b" * 200)])
+            self.assertEqual(upload(server, body=body)[0], 200)
+            sent += len(body)
+        self.assertEqual(upload(server, [(b"../x", b"x")])[0], 400)
+        self.assertEqual(upload(server, [(b"x", b"x")], headers=b"Origin: http://evil.example\r\n"
+                                )[0], 403)
+        self.assertEqual(upload(server, body=body_of_size(5000))[0], 413)
+        for path in (b"/x123", b"/y456"):
+            self.assertEqual(exchange(server, b"GET", path)[0], 404)
+
+        status, fields, text = exchange(server, b"GET", b"/metrics")
+        self.assertEqual(status, 200)
+        self.assertTrue(fields["content-type"].startswith("text/plain; version=0.0.4"))
+        samples = parse_metrics(text.decode())
+        requests = {dict(labels)["route"] + " " + dict(labels)["status"]: value
+                    for (name, labels), value in samples.items()
+                    if name == "kestrin_http_requests_total"}
+        # Where the 413 goes is the next test's concern.
+        self.assertEqual(sum(requests.pop(key) for key in list(requests)
+                             if key.endswith(" 413")), 1)
+        self.assertEqual(requests, {"/users 200": uploads, "/users 400": 1, "/users 403": 1,
+                                    "other 404": 2})
+        self.assertEqual(metric(samples, "kestrin_files_stored_total"), 2 * uploads)
+        self.assertEqual(metric(samples, "kestrin_stored_bytes_total"), 300 * uploads)
+        self.assertGreaterEqual(metric(samples, "kestrin_received_bytes_total"), sent)
+        # The module's own 400 is an answer, not a refusal by the server.
+        self.assertEqual({dict(labels)["cause"]: value for (name, labels), value in
+                          samples.items() if name == "kestrin_refusals_total"},
+                         {"403": 1, "404": 2, "413": 1})
+        # The scrape being answered is the one request in flight, and not yet counted.
+        self.assertEqual(metric(samples, "kestrin_requests_in_flight"), 1)
+        answered = sum(requests.values()) + 1
+        self.assertEqual(metric(samples, "kestrin_request_duration_seconds_count"), answered)
+        self.assertEqual(metric(samples, "kestrin_request_duration_seconds_bucket", le="+Inf"),
+                         answered)
+        self.assertGreater(metric(samples, "kestrin_memory_bytes", kind="budget"), 0)
+        self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="in_use"), 0)
+
+    @unittest.expectedFailure
+    def test_a_body_over_the_limit_is_counted_under_the_route_it_was_sent_to(self):
+        # The limit cuts the request off before its route is looked up, so it lands in "other"
+        # beside the 404s of paths that are not the server's; reported, not yet fixed.
+        server = self.start("--max-body", "1K")
+        self.assertEqual(upload(server, body=body_of_size(2048))[0], 413)
+        samples = parse_metrics(exchange(server, b"GET", b"/metrics")[2].decode())
+        self.assertEqual(metric(samples, "kestrin_http_requests_total", route="/users",
+                                status="413"), 1)
+
+
+class ConflictTest(OperationsTestCase):
+    def test_a_name_already_taken_is_replaced_refused_or_renamed_as_configured(self):
+        # (policy, status of the second upload, the directory afterwards)
+        for policy, second, after in (
+                ("replace", 200, {"a.txt": b"second"}),
+                ("refuse", 400, {"a.txt": b"first"}),
+                ("rename", 200, {"a.txt": b"first", "a (1).txt": b"second"})):
+            with self.subTest(policy=policy):
+                server = self.start("--on-conflict", policy)
+                self.assertEqual(upload(server, [(b"a.txt", b"first")])[::2], (200, SUCCESS_PAGE))
+                status, _, page = upload(server, [(b"a.txt", b"second")])
+                self.assertEqual(status, second)
+                if status == 400:
+                    self.assertIn("a.txt", page_message(page))
+                self.assertEqual(self.contents(server.directory), after)
+
+    def test_two_uploads_of_one_name_at_once_are_both_kept_under_rename(self):
+        server = self.start("--on-conflict", "rename", "--service-threads", "4")
+        contents = [bytes([65 + i]) * (2 << 20) for i in range(2)]
+        start = threading.Barrier(2, timeout=30)
+        statuses = []
+
+        def send(content):
+            start.wait()
+            statuses.append(upload(server, [(b"c.txt", content)])[0])
+        threads = [threading.Thread(target=send, args=(content,)) for content in contents]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join(60)
+        self.assertEqual(statuses, [200, 200])
+        stored = self.contents(server.directory)
+        self.assertEqual(sorted(stored), ["c (1).txt", "c.txt"])
+        self.assertEqual(sorted(stored.values()), contents)
+
+    @staticmethod
+    def contents(directory):
+        result = {}
+        for name in os.listdir(directory):
+            with open(os.path.join(directory, name), "rb") as file:
+                result[name] = file.read()
+        return result
+
+
+class TlsTest(OperationsTestCase):
+    def test_https_stores_uploads_and_shrugs_off_plain_http(self):
+        if not shutil.which("openssl"):
+            self.skipTest("no openssl command")
+        cert, key = os.path.join(self.root, "cert.pem"), os.path.join(self.root, "key.pem")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                        "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key, "-out", cert,
+                        "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
+                        "subjectAltName=IP:127.0.0.1"], check=True, capture_output=True,
+                       timeout=60)
+        server = self.start("--tls-cert", cert, "--tls-key", key)
+        self.assertEqual(server.scheme, "https")
+        context = ssl.create_default_context(cafile=cert)
+        content = os.urandom(100000)
+        self.assertEqual(upload(server, [(b"secure.bin", content)], context=context)[::2],
+                         (200, SUCCESS_PAGE))
+        with open(os.path.join(server.directory, "secure.bin"), "rb") as file:
+            self.assertEqual(file.read(), content)
+
+        status, _, raw = exchange(server, b"GET", b"/healthz")
+        self.assertIsNone(status)
+        self.assertFalse(raw.startswith(b"HTTP/"), raw)
+        self.assertEqual(exchange(server, b"GET", b"/healthz", context=context)[0], 200)
+
+        code, out, err = self.run_refused("--listen", "127.0.0.1:0", "--dir", self.root,
+                                          "--tls-cert", cert, "--tls-key", key + ".missing")
+        self.assertEqual(code, 1, err)
+        self.assertNotIn("listening on", out)
+        self.assertIn(key + ".missing", err)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) > 1 and not sys.argv[1].startswith("-"):
+        serverlib.SERVER = sys.argv.pop(1)
+    unittest.main()
