@@ -202,6 +202,25 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
     return verdict;
 }
 
+std::string RequestGate::routeLabel(std::string_view method, const std::string& target) const {
+    const std::optional<std::string> path = decodeTargetPath(target);
+    if (!path) {
+        return "other";
+    }
+    if (*path == healthPath || *path == metricsPath) {
+        return *path;
+    }
+    switch (dispatcher->route(method, *path).kind) {
+    case RequestDispatcher::Destination::Kind::service:
+        return *path;
+    case RequestDispatcher::Destination::Kind::demoPage:
+        return "/";
+    case RequestDispatcher::Destination::Kind::notFound:
+        break;
+    }
+    return "other";
+}
+
 // Health before authentication, metrics after it: authenticated says which one is asked for.
 std::optional<Reply> RequestGate::statusEndpoint(const Head& head, std::string_view path,
                                                  bool authenticated) const {

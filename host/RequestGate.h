@@ -133,6 +133,10 @@ public:
     Clock::time_point bodyDeadline(Clock::time_point start, std::uint64_t received,
                                    Clock::time_point now) const;
 
+    // What the metrics count a request for this target under, when no verdict says it: one of
+    // the server's own paths, or "other".
+    [[nodiscard]] std::string routeLabel(std::string_view method, const std::string& target) const;
+
     const GateSettings& getSettings() const noexcept { return settings; }
 
 private:

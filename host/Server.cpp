@@ -515,6 +515,8 @@ private:
             return onCut(RequestGate::Stage::head);
         }
         if (ec) {
+            // A head refused by its framing (a body over the limit) still counts under its path.
+            verdict.route = shared->gate.routeLabel(method, target);
             return onReadFailure(ec, RequestGate::Stage::head);
         }
         keepAlive = request.keep_alive();
