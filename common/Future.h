@@ -63,25 +63,30 @@ private:
     std::atomic<bool> valid;
 };
 
-// The producer's handle. Move-only. A promise dropped while its state is still pending
-// fails the state, so that no consumer waits forever for a producer that is gone.
+// The producer's handle. Move-only. A promise destroyed or overwritten (moved onto) while its
+// state is still pending fails the state with "Promise destroyed before it was resolved.",
+// so that no consumer waits forever for a producer that is gone.
 template <typename T> class Promise {
 public:
     Promise()
         : state(std::make_shared<detail::SharedFutureState<T>>()) {}
     Promise(Promise&&) noexcept = default;
-    Promise& operator=(Promise&&) noexcept = default;
+    Promise& operator=(Promise&& other) noexcept;
     Promise(const Promise&) = delete;
     Promise& operator=(const Promise&) = delete;
-    ~Promise();
+    ~Promise() { abandonState(); }
 
     void setValue(T value) { state->setValue(std::move(value)); }
+    // An empty error is refused with std::invalid_argument; the state stays pending.
     void setException(std::exception_ptr error) { state->setException(std::move(error)); }
     Future<T> getFuture() {
         return Future<T>(std::shared_ptr<detail::SharedFutureState<T>>(state));
     }
 
 private:
+    // Fails the state if it is still pending and someone else holds it.
+    void abandonState() noexcept;
+
     std::shared_ptr<detail::SharedFutureState<T>> state;
 };
 
@@ -112,14 +117,23 @@ template <typename T> template <typename Callback> void Future<T>::then(Callback
     state->attach(std::make_unique<Adapter>(std::forward<Callback>(callback)));
 }
 
-template <typename T> Promise<T>::~Promise() {
+template <typename T> Promise<T>& Promise<T>::operator=(Promise&& other) noexcept {
+    if (this != &other) {
+        abandonState();
+        state = std::move(other.state);
+    }
+    return *this;
+}
+
+template <typename T> void Promise<T>::abandonState() noexcept {
+    // Nobody else holds the state: no future, so nobody can be waiting on it.
     if (!state || state.use_count() == 1) {
         return;
     }
     try {
         state->abandon();
     } catch (...) {
-        // A throwing continuation must not escape a destructor.
+        // A throwing continuation must not escape a destructor or a move.
     }
 }
 

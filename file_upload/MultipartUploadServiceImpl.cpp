@@ -228,6 +228,12 @@ void MultipartUploadServiceImpl::extractDataFromRequest(size_t start, size_t end
     // One allocation and one copy, leaving data exactly as appending the bytes one at a time
     // and then resizing to end - start would: capacity doubling from the first byte's growth,
     // size end - start (so any bytes data held before count towards that size).
+    if (start > end) {
+        // Callers never do this; the plain loop would append nothing and then ask for
+        // end - start bytes, which no allocator grants: "Out of memory!", data unchanged.
+        data.resize(end - start);
+        return;
+    }
     const size_t count = end - start;
     if (count > 0) {
         const size_t oldSize = data.getSize();
@@ -236,8 +242,9 @@ void MultipartUploadServiceImpl::extractDataFromRequest(size_t start, size_t end
         if (data.bytes() == nullptr || oldSize + 1 > oldCapacity) {
             capacity = std::max(2 * oldCapacity, oldSize + 1);
         }
+        // Doubling stops before it could wrap to zero; a size that large fails to allocate.
         while (capacity < oldSize + count) {
-            capacity *= 2;
+            capacity = capacity > SIZE_MAX / 2 ? oldSize + count : 2 * capacity;
         }
         data.reserve(capacity);
         data.resize(oldSize + count);

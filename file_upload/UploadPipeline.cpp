@@ -40,10 +40,6 @@ void runUploadPipeline(const std::shared_ptr<file::v1::FileService>& fileService
     size_t searchStart = 0;
     bool partOpen = false;
     size_t headerEnd = 0;
-    // Asked once per body, when the first part is stored: one system call per request rather
-    // than per part, and every part of one upload lands in the same directory.
-    std::string directory;
-    bool directoryKnown = false;
     for (;;) {
         const auto [markerBegin, markerEnd, markerFound] = uploadService.findBoundaryMarkerIndex(
             searchStart, body, common::DataBuffer(boundaryMarker));
@@ -59,10 +55,9 @@ void runUploadPipeline(const std::shared_ptr<file::v1::FileService>& fileService
             if (filename == headers.end()) {
                 throw std::runtime_error(noFileName);
             }
-            if (!directoryKnown) {
-                directory = ost::i18n::to_string(ost::filesystem::get_current_path());
-                directoryKnown = true;
-            }
+            // Asked for every part: a part goes where the working directory is when it is
+            // stored, even if the directory changed while an earlier part was written.
+            const std::string directory = ost::i18n::to_string(ost::filesystem::get_current_path());
             uploadService.writeFileToDisk(fileService, content,
                                           storagePath(directory, filename->second));
         }

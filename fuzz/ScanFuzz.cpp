@@ -13,7 +13,7 @@
 //   then the marker bytes, then the body
 #include "common/DataBuffer.h"
 #include "file_upload/MultipartUploadServiceImpl.h"
-#include "tests/file_upload/support/ReferenceScans.h"
+#include "fuzz/support/ReferenceMultipart.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -46,6 +46,8 @@ public:
 
     // Producer side, any thread. Throws "Promise already resolved." on a resolved state,
     // does nothing on a cancelled one. May run the continuation on the calling thread.
+    // An empty error is refused with std::invalid_argument before anything changes: get()
+    // would have nothing to throw.
     void setValue(T value);
     void setException(std::exception_ptr error);
 
@@ -133,6 +135,9 @@ template <typename T> void SharedFutureState<T>::setValue(T value) {
 }
 
 template <typename T> void SharedFutureState<T>::setException(std::exception_ptr error) {
+    if (!error) {
+        throw std::invalid_argument("A promise cannot be resolved with an empty exception.");
+    }
     resolve(FutureStatus::HasException,
             [&] { result.error = new std::exception_ptr(std::move(error)); });
 }

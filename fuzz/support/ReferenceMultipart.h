@@ -1,16 +1,20 @@
 #pragma once
 
+#include "common/DataBuffer.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 // How an upload body is taken apart, written once more from the rules in the plainest code
-// we could think of: strings, byte loops, no DataBuffer, no Boost, nothing shared with the
-// module. The fuzz targets hold the module against it. Slow on purpose; never use it
-// outside tests.
+// we could think of: strings, byte loops, no Boost, nothing shared with the module but the
+// DataBuffer that the scans' own signatures take (last section). The fuzz targets and the
+// differential tests hold the module against it. Slow on purpose; never use it outside
+// tests.
 namespace kestrin::testing::reference {
 
 // The texts an upload fails with when its body cannot be taken apart or its file name
@@ -166,30 +170,48 @@ struct UploadOutcome {
     std::string failure;
 };
 
-// The first boundary at or after start: the whole marker "\r\n--" + boundary where a CR
-// stands, its short form "--" + boundary where a dash stands. Both forms are only looked
-// for where the whole marker would still fit.
+// The first boundary at or after start: the whole marker where its first byte stands,
+// otherwise its short form (the marker without its first two bytes) where the marker's third
+// byte stands. Both forms are only looked for where the whole marker would still fit. A
+// marker shorter than three bytes has no short form; an empty one matches nothing.
 struct MarkerMatch {
     bool found = false;
     size_t begin = 0;
     size_t end = 0;
 };
 
-inline MarkerMatch findMarker(const std::string& body, size_t start, const std::string& boundary) {
-    const std::string marker = "\r\n--" + boundary;
-    const std::string shortForm = "--" + boundary;
-    for (size_t i = start; i + marker.size() <= body.size(); ++i) {
-        if (body[i] == '\r') {
-            if (body.compare(i, marker.size(), marker) == 0) {
-                return {true, i, i + marker.size()};
+inline MarkerMatch findMarker(const std::string& body, size_t start, const std::string& marker) {
+    const size_t len = marker.size();
+    if (len == 0 || body.size() < len || start > body.size() - len) {
+        return {};
+    }
+    for (size_t i = start; i <= body.size() - len; ++i) {
+        if (body[i] == marker[0]) {
+            if (body.compare(i, len, marker) == 0) {
+                return {true, i, i + len};
             }
-        } else if (body[i] == '-') {
-            if (body.compare(i, shortForm.size(), shortForm) == 0) {
-                return {true, i, i + shortForm.size()};
+        } else if (len >= 3 && body[i] == marker[2]) {
+            if (body.compare(i, len - 2, marker, 2, len - 2) == 0) {
+                return {true, i, i + len - 2};
             }
         }
     }
     return {};
+}
+
+// The first CR LF CR LF at or after start with at least one byte after it, looked for only
+// where patternSize bytes still fit: its index, SIZE_MAX when start is already past the last
+// such place, SIZE_MAX - 1 when the scan finds none.
+inline size_t findBlankLine(const std::string& body, size_t start, size_t patternSize) {
+    if (body.size() < patternSize || start > body.size() - patternSize) {
+        return SIZE_MAX;
+    }
+    for (size_t i = start; i <= body.size() - patternSize; ++i) {
+        if (i + 4 < body.size() && body.compare(i, 4, "\r\n\r\n") == 0) {
+            return i;
+        }
+    }
+    return SIZE_MAX - 1;
 }
 
 // Walks body from boundary to boundary. A part's bytes run from just past its header block's
@@ -208,7 +230,7 @@ inline UploadOutcome splitUpload(const std::string& boundary, const std::string&
     size_t contentBegin = 0;
     size_t searchStart = 0;
     for (;;) {
-        const MarkerMatch marker = findMarker(body, searchStart, boundary);
+        const MarkerMatch marker = findMarker(body, searchStart, "\r\n--" + boundary);
         if (!marker.found) {
             outcome.failure = malformedRequest;
             return outcome;
@@ -231,17 +253,8 @@ inline UploadOutcome splitUpload(const std::string& boundary, const std::string&
             body[marker.end + 1] == '-') {
             return outcome;
         }
-        size_t blankLine = 0;
-        bool blankLineFound = false;
-        for (size_t i = marker.end; i + 4 < body.size(); ++i) {
-            if (body[i] == '\r' && body[i + 1] == '\n' && body[i + 2] == '\r' &&
-                body[i + 3] == '\n') {
-                blankLine = i;
-                blankLineFound = true;
-                break;
-            }
-        }
-        if (!blankLineFound) {
+        const size_t blankLine = findBlankLine(body, marker.end, 4);
+        if (blankLine >= SIZE_MAX - 1) {
             outcome.failure = noHeaderFields;
             return outcome;
         }
@@ -254,6 +267,38 @@ inline UploadOutcome splitUpload(const std::string& boundary, const std::string&
             return outcome;
         }
     }
+}
+
+// The scans with the service object's signatures. They take their pointers through getData,
+// as the module's scans do, so that both leave a buffer's storage the same way.
+inline std::string bytesAfterGetData(common::DataBuffer& buffer) {
+    const uint8_t* bytes = buffer.getData();
+    return std::string(reinterpret_cast<const char*>(bytes), buffer.getSize());
+}
+
+inline std::tuple<size_t, size_t, bool>
+findBoundaryMarkerIndex(size_t start, common::DataBuffer& body, common::DataBuffer marker) {
+    const std::string text = bytesAfterGetData(body);
+    const MarkerMatch match = findMarker(text, start, bytesAfterGetData(marker));
+    if (!match.found) {
+        return {SIZE_MAX, SIZE_MAX, false};
+    }
+    return {match.begin, match.end, true};
+}
+
+// The terminator only lends its size; the bytes looked for are always CR LF CR LF.
+inline std::tuple<size_t, bool> findHeaderFieldsIndex(size_t start, common::DataBuffer& body,
+                                                      common::DataBuffer terminator) {
+    const size_t index = findBlankLine(bytesAfterGetData(body), start, terminator.getSize());
+    return {index, index < SIZE_MAX - 1};
+}
+
+inline void extractDataFromRequest(size_t start, size_t end, common::DataBuffer& request,
+                                   common::DataBuffer& data) {
+    for (size_t i = start; i < end; ++i) {
+        data.pushBack(request[i]);
+    }
+    data.resize(end - start);
 }
 
 } // namespace kestrin::testing::reference

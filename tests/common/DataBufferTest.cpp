@@ -65,6 +65,8 @@ TEST(DataBuffer, capacityFollowsTheGrowthRules) {
     DataBuffer resized(std::string(52, 'x'));
     resized.resize(3);
     expectStorage(resized, 52, 3);
+    resized.reserve(8);
+    expectStorage(resized, 52, 3);
     resized.resize(60);
     expectStorage(resized, 104, 60);
 }

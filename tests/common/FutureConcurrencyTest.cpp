@@ -3,8 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -74,4 +79,40 @@ TEST(SharedFutureState, continuationAttachedWhileAnotherThreadResolvesRunsExactl
         ASSERT_EQ(runs[round], 1) << "round " << round;
         ASSERT_EQ(values[round], round);
     }
+}
+
+TEST(SharedFutureState, secondGetFailsAtOnceWhileTheFirstStillWaits) {
+    const std::string alreadyRetrieved =
+        "Future already returned it's value or has an associated continuation.";
+    Promise<int> promise;
+    Future<int> first = promise.getFuture();
+    Future<int> second = promise.getFuture();
+    std::mutex mutex;
+    std::condition_variable ended;
+    std::vector<std::string> outcomes;
+    auto consume = [&](Future<int>& future) {
+        std::string outcome;
+        try {
+            outcome = std::to_string(future.get());
+        } catch (const std::runtime_error& error) {
+            outcome = error.what();
+        }
+        std::lock_guard<std::mutex> guard(mutex);
+        outcomes.push_back(outcome);
+        ended.notify_all();
+    };
+    std::thread one(consume, std::ref(first));
+    std::thread other(consume, std::ref(second));
+    {
+        // Nothing resolves the state until one get() has given up. Bounded, so that two gets
+        // that both block fail the test instead of hanging it.
+        std::unique_lock<std::mutex> lock(mutex);
+        ended.wait_for(lock, std::chrono::seconds(10), [&] { return !outcomes.empty(); });
+        EXPECT_EQ(outcomes, std::vector<std::string>{alreadyRetrieved});
+    }
+    promise.setValue(7);
+    one.join();
+    other.join();
+    std::sort(outcomes.begin(), outcomes.end());
+    EXPECT_EQ(outcomes, (std::vector<std::string>{"7", alreadyRetrieved}));
 }

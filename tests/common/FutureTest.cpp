@@ -53,6 +53,9 @@ TEST(Future, exceptionalFutureRethrowsTheStoredExceptionUnwrappingANestedPointer
 TEST(Promise, resolvesOnceAndIgnoresResolutionAfterCancel) {
     Promise<std::string> promise;
     Future<std::string> future = promise.getFuture();
+    // An empty exception would leave get() nothing to throw: refused, the state stays pending.
+    EXPECT_THROW(promise.setException(nullptr), std::invalid_argument);
+    EXPECT_THROW(makeExceptionalFuture<int>(nullptr), std::invalid_argument);
     promise.setValue("first");
     EXPECT_EQ(thrownText<std::runtime_error>([&] { promise.setValue("second"); }),
               "Promise already resolved.");
@@ -70,14 +73,33 @@ TEST(Promise, resolvesOnceAndIgnoresResolutionAfterCancel) {
               "Future has been cancelled.");
 }
 
-TEST(Promise, droppedWhilePendingFailsTheFutureInsteadOfBlockingForever) {
-    std::unique_ptr<Future<int>> future;
-    {
-        Promise<int> promise;
-        future = std::make_unique<Future<int>>(promise.getFuture());
+TEST(Promise, droppedOrOverwrittenWhilePendingFailsTheFutureInsteadOfBlockingForever) {
+    const struct {
+        const char* name;
+        void (*end)(std::unique_ptr<Promise<int>>&);
+    } cases[] = {
+        {"destroyed", [](std::unique_ptr<Promise<int>>& promise) { promise.reset(); }},
+        {"moved onto", [](std::unique_ptr<Promise<int>>& promise) { *promise = Promise<int>(); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto promise = std::make_unique<Promise<int>>();
+        Future<int> future = promise->getFuture();
+        // Read through a continuation: a future nobody fails would block get() for good.
+        std::string seen = "<still pending>";
+        future.then([&](Future<int>& resolved) {
+            seen = thrownText<std::runtime_error>([&] { resolved.get(); });
+        });
+        c.end(promise);
+        EXPECT_EQ(seen, "Promise destroyed before it was resolved.");
     }
-    EXPECT_EQ(thrownText<std::runtime_error>([&] { future->get(); }),
-              "Promise destroyed before it was resolved.");
+
+    // Overwriting a resolved promise leaves its value alone.
+    Promise<int> resolved;
+    Future<int> kept = resolved.getFuture();
+    resolved.setValue(3);
+    resolved = Promise<int>();
+    EXPECT_EQ(kept.get(), 3);
 }
 
 TEST(SharedFutureState, continuationRunsOnceWhetherAttachedBeforeOrAfterValue) {
@@ -127,19 +149,32 @@ TEST(SharedFutureState, continuationRunsOnceWhetherAttachedBeforeOrAfterValue) {
     EXPECT_EQ(secondGet, alreadyRetrieved);
 }
 
-TEST(SharedFutureState, pendingStateDestroyedWithContinuationDropsItUnrun) {
-    int runs = 0;
-    bool destroyed = false;
+TEST(SharedFutureState, continuationIsDeletedWhenItsStateDiesPendingOrWhenItThrows) {
     struct Flag {
         bool* destroyed;
         ~Flag() { *destroyed = true; }
     };
+    int runs = 0;
+    bool destroyed = false;
     {
         auto state = std::make_shared<SharedFutureState<int>>();
         Future<int> future{std::shared_ptr<SharedFutureState<int>>(state)};
-        auto flag = std::make_shared<Flag>(Flag{&destroyed});
+        std::shared_ptr<Flag> flag(new Flag{&destroyed});
         future.then([&runs, flag](Future<int>&) { runs++; });
     }
-    EXPECT_EQ(runs, 0);
+    EXPECT_EQ(runs, 0) << "a state that dies pending drops its continuation unrun";
     EXPECT_TRUE(destroyed);
+
+    // A throwing continuation: its exception leaves the resolving call, it is deleted all the
+    // same, and the state stays resolved.
+    destroyed = false;
+    Promise<int> promise;
+    Future<int> future = promise.getFuture();
+    std::shared_ptr<Flag> flag(new Flag{&destroyed});
+    future.then([flag](Future<int>&) { throw std::logic_error("continuation failed"); });
+    flag.reset();
+    EXPECT_EQ(thrownText<std::logic_error>([&] { promise.setValue(1); }), "continuation failed");
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(thrownText<std::runtime_error>([&] { promise.setValue(2); }),
+              "Promise already resolved.");
 }

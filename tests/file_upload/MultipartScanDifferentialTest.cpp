@@ -1,6 +1,6 @@
 #include "file_upload/MultipartUploadServiceImpl.h"
+#include "fuzz/support/ReferenceMultipart.h"
 #include "tests/file_upload/support/RecordingFileService.h"
-#include "tests/file_upload/support/ReferenceScans.h"
 
 #include <gtest/gtest.h>
 

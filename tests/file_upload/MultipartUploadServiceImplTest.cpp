@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <unistd.h>
 
 using kestrin::common::DataBuffer;
 using kestrin::file_upload::v1::MultipartUploadServiceImpl;
@@ -125,6 +127,7 @@ TEST(MultipartUploadServiceImpl, writeFileToDiskEmptiesTheBufferWhateverTheOutco
     ASSERT_EQ(files->writes().size(), 1u);
     EXPECT_EQ(files->writes()[0].path, u"/srv/a.txt");
     EXPECT_EQ(files->writes()[0].bytes, "line\r\n\r\n");
+    EXPECT_TRUE(files->writes()[0].overwrite) << "an upload replaces a file of the same name";
 
     const struct {
         std::shared_ptr<kestrin::file::v1::FileService> files;
@@ -143,4 +146,41 @@ TEST(MultipartUploadServiceImpl, writeFileToDiskEmptiesTheBufferWhateverTheOutco
         EXPECT_EQ(refused.getCapacity(), 0u);
     }
     EXPECT_EQ(files->writes().size(), 1u);
+}
+
+TEST(MultipartUploadServiceImpl, getPtrSharesOwnershipWithTheExistingOwners) {
+    auto service = std::make_shared<MultipartUploadServiceImpl>();
+    std::shared_ptr<kestrin::file_upload::v1::MultipartUploadService> same = service->getPtr();
+    EXPECT_EQ(same.get(), service.get());
+    EXPECT_EQ(service.use_count(), 2);
+    EXPECT_FALSE(same.owner_before(service) || service.owner_before(same)) << "one control block";
+
+    MultipartUploadServiceImpl unowned;
+    EXPECT_THROW(unowned.getPtr(), std::bad_weak_ptr);
+}
+
+// In a child process under an alarm, so that a loop which never ends fails instead of hanging.
+// Both an empty buffer, as the pipeline passes it, and one already holding bytes.
+TEST(MultipartUploadServiceImplDeathTest, extractionWithStartAfterEndFailsInsteadOfSpinning) {
+    EXPECT_EXIT(
+        {
+            ::alarm(20);
+            MultipartUploadServiceImpl service;
+            DataBuffer request("0123456789");
+            for (const char* before : {"", "kept"}) {
+                DataBuffer data(before);
+                try {
+                    service.extractDataFromRequest(5, 3, request, data);
+                    std::_Exit(1);
+                } catch (const std::runtime_error& error) {
+                    if (std::string(error.what()) != "Out of memory!" ||
+                        data.getSize() != std::string(before).size() ||
+                        (data.getSize() > 0 && data[0] != 'k')) {
+                        std::_Exit(2);
+                    }
+                }
+            }
+            std::_Exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }

@@ -71,18 +71,35 @@ TEST(StreamSubscriberImpl, firstOfCompleteAndErrorChoosesTheAnswer) {
     }
 }
 
-TEST(StreamSubscriberImpl, asksForOneItemOnSubscribeAndNothingOnceCompleted) {
-    auto subscriber = makeSubscriber();
-    auto subscription = std::make_shared<CountingSubscription>();
-    subscriber->onSubscribe(subscription);
-    EXPECT_EQ(subscription->requests, std::vector<uint64_t>{1});
-    EXPECT_EQ(subscription.use_count(), 1) << "the subscription is not kept";
-
-    subscriber->onComplete();
-    auto late = std::make_shared<CountingSubscription>();
-    subscriber->onSubscribe(late);
-    EXPECT_TRUE(late->requests.empty());
-    EXPECT_EQ(late->cancels + subscription->cancels, 0);
+TEST(StreamSubscriberImpl, asksForOneItemOnSubscribeUnlessCompletedAndAlwaysReportsReady) {
+    // Only completion stops the request; a reported error does not.
+    const struct {
+        std::vector<std::string> before;
+        std::vector<uint64_t> requests;
+    } cases[] = {
+        {{}, {1}},
+        {{"error"}, {1}},
+        {{"complete"}, {}},
+        {{"error", "complete"}, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.before));
+        auto subscriber = makeSubscriber();
+        for (const std::string& signal : c.before) {
+            if (signal == "complete") {
+                subscriber->onComplete();
+            } else {
+                subscriber->onError(nullptr);
+            }
+        }
+        EXPECT_TRUE(subscriber->getStatus().get());
+        auto subscription = std::make_shared<CountingSubscription>();
+        subscriber->onSubscribe(subscription);
+        EXPECT_EQ(subscription->requests, c.requests);
+        EXPECT_EQ(subscription->cancels, 0);
+        EXPECT_EQ(subscription.use_count(), 1) << "the subscription is not kept";
+        EXPECT_TRUE(subscriber->getStatus().get());
+    }
 
     // A subscription that is already gone is simply not asked.
     EXPECT_NO_THROW(makeSubscriber()->onSubscribe(std::weak_ptr<Subscription>()));

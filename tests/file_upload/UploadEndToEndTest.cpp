@@ -149,10 +149,13 @@ TEST_F(UploadEndToEnd, onlyRuntimeErrorsFromTheBodyStreamBecomePages) {
     EXPECT_EQ(answer.status, 400);
     EXPECT_EQ(answer.body, expectedPage("connection \\x3Creset>"));
 
-    // Misuse, like a body stream that refuses the subscriber, goes on to the caller.
+    // Misuse, like a body stream that refuses the subscriber, is thrown to the caller, not
+    // returned in the future.
     auto misused = std::make_shared<ScriptedBody>("");
     misused->failure = [] { throw std::invalid_argument("Only one subscription allowed."); };
-    EXPECT_THROW(send(messageWith(misused, {{"boundary", "b"}})), std::invalid_argument);
+    EXPECT_THROW(provider->processMessage(messageWith(misused, {{"boundary", "b"}}),
+                                          Address("upload"), nullptr),
+                 std::invalid_argument);
 }
 
 TEST_F(UploadEndToEnd, storesTheFilesKeepsTheCallersRequestAndMovesTheAnswerOut) {

@@ -7,9 +7,16 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdio>
+#include <functional>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 using kestrin::common::DataBuffer;
@@ -56,6 +63,80 @@ struct Upload {
 };
 
 using Names = std::vector<std::string>;
+
+// Bytes as readable text: CR, LF and other bytes outside printable ASCII as escapes.
+std::string visible(const DataBuffer& buffer, size_t from, size_t count) {
+    std::string out;
+    for (size_t i = from; i < from + count && i < buffer.getSize(); ++i) {
+        const auto byte = static_cast<unsigned char>(buffer[i]);
+        if (byte == '\r') {
+            out += "\\r";
+        } else if (byte == '\n') {
+            out += "\\n";
+        } else if (byte < 0x20 || byte > 0x7E) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+            out += escaped;
+        } else {
+            out += static_cast<char>(byte);
+        }
+    }
+    return out;
+}
+
+// Logs each call the pipeline makes, with the bytes it points at, then does what the real
+// service does. The pipeline only knows the interface, so every call must show up here.
+class LoggingService : public MultipartUploadServiceImpl {
+public:
+    std::tuple<size_t, size_t, bool> findBoundaryMarkerIndex(size_t start, DataBuffer& body,
+                                                             DataBuffer marker) override {
+        log.push_back("boundary from " + visible(body, start, 8));
+        return MultipartUploadServiceImpl::findBoundaryMarkerIndex(start, body, std::move(marker));
+    }
+    std::tuple<size_t, bool> findHeaderFieldsIndex(size_t start, DataBuffer& body,
+                                                   DataBuffer terminator) override {
+        log.push_back("blank line from " + visible(body, start, 8));
+        return MultipartUploadServiceImpl::findHeaderFieldsIndex(start, body,
+                                                                 std::move(terminator));
+    }
+    void parseHeaders(DataBuffer& body, std::map<std::string, std::string>& headers, size_t offset,
+                      size_t length) override {
+        log.push_back("headers " + visible(body, offset, length));
+        MultipartUploadServiceImpl::parseHeaders(body, headers, offset, length);
+    }
+    void extractDataFromRequest(size_t start, size_t end, DataBuffer& request,
+                                DataBuffer& data) override {
+        log.push_back("cut " + visible(request, start, end - start));
+        MultipartUploadServiceImpl::extractDataFromRequest(start, end, request, data);
+    }
+    void writeFileToDisk(std::shared_ptr<kestrin::file::v1::FileService> files, DataBuffer& data,
+                         std::u16string path) override {
+        log.push_back("write " + ost::i18n::to_string(path.substr(path.rfind(u'/') + 1)));
+        MultipartUploadServiceImpl::writeFileToDisk(std::move(files), data, std::move(path));
+    }
+
+    std::vector<std::string> log;
+};
+
+// Runs a hook once, right after the first write has been handed over.
+class HookedFileService : public RecordingFileService {
+public:
+    kestrin::Future<kestrin::file_common::v1::FileInfo>
+    writeFile(kestrin::file_common::v1::File&& file, bool overwrite) override {
+        auto written = RecordingFileService::writeFile(std::move(file), overwrite);
+        if (afterFirstWrite) {
+            std::exchange(afterFirstWrite, nullptr)();
+        }
+        return written;
+    }
+
+    std::function<void()> afterFirstWrite;
+};
+
+std::string currentDirectory() {
+    char path[PATH_MAX];
+    return ::getcwd(path, sizeof path) != nullptr ? path : "";
+}
 
 } // namespace
 
@@ -126,4 +207,78 @@ TEST(UploadPipeline, namesAreUtf8AndReachTheServiceAsUtf16) {
     Upload invalid;
     EXPECT_THROW(invalid.run(filePart("bad\xFF\xFE.txt", "x") + "--XyZ--"), std::runtime_error);
     EXPECT_TRUE(invalid.files->writes().empty());
+}
+
+TEST(UploadPipeline, callsTheServiceThroughItsInterfaceOnTheBlocksOfABrowserBody) {
+    // Two files as a browser posts them.
+    const std::string boundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW";
+    const std::string text =
+        "--" + boundary +
+        "\r\nContent-Disposition: form-data; name=\"files\"; filename=\"notes.txt\"\r\n"
+        "Content-Type: text/plain\r\n\r\nfirst line\r\nsecond line\r\n\r\n--" +
+        boundary +
+        "\r\nContent-Disposition: form-data; name=\"files\"; filename=\"pixel.png\"\r\n"
+        "Content-Type: image/png\r\n\r\n\x89PNG\r\n\x1A\n\r\n--" +
+        boundary + "--\r\n";
+    auto files = std::make_shared<RecordingFileService>();
+    LoggingService service;
+    DataBuffer body(text);
+    runUploadPipeline(files, service, DataBuffer("\r\n--" + boundary), body);
+    EXPECT_EQ(service.log, (Names{
+                               "boundary from ------We",
+                               "blank line from \\r\\nConten",
+                               "headers \\r\\nContent-Disposition: form-data; name=\"files\"; "
+                               "filename=\"notes.txt\"\\r\\nContent-Type: text/plain",
+                               "boundary from first li",
+                               "cut first line\\r\\nsecond line\\r\\n",
+                               "write notes.txt",
+                               "blank line from \\r\\nConten",
+                               "headers \\r\\nContent-Disposition: form-data; name=\"files\"; "
+                               "filename=\"pixel.png\"\\r\\nContent-Type: image/png",
+                               "boundary from \\x89PNG\\r\\n\\x1A\\n",
+                               "cut \\x89PNG\\r\\n\\x1A\\n",
+                               "write pixel.png",
+                           }));
+    EXPECT_EQ(files->writes().size(), 2u);
+}
+
+TEST(UploadPipeline, eachPartGoesWhereTheWorkingDirectoryIsWhenItIsStored) {
+    // Back to where the test started, and no directory left behind, however it ends.
+    struct Directories {
+        std::string original = currentDirectory();
+        char first[24] = "/tmp/kestrin-cwd-XXXXXX";
+        char second[24] = "/tmp/kestrin-cwd-XXXXXX";
+        ~Directories() {
+            EXPECT_EQ(::chdir(original.c_str()), 0);
+            ::rmdir(first);
+            ::rmdir(second);
+        }
+    } directories;
+    ASSERT_NE(::mkdtemp(directories.first), nullptr);
+    ASSERT_NE(::mkdtemp(directories.second), nullptr);
+    const std::string first = directories.first;
+    const std::string second = directories.second;
+    const std::string body = filePart("a", "1") + filePart("b", "2") + "--XyZ--";
+    MultipartUploadServiceImpl service;
+
+    // Moved to another directory while the first part was written.
+    ASSERT_EQ(::chdir(first.c_str()), 0);
+    auto moved = std::make_shared<HookedFileService>();
+    moved->afterFirstWrite = [&] { ASSERT_EQ(::chdir(second.c_str()), 0); };
+    DataBuffer movedBody(body);
+    runUploadPipeline(moved, service, DataBuffer("\r\n--XyZ"), movedBody);
+    EXPECT_EQ(moved->paths(), (Names{first + "/a", second + "/b"}));
+
+    // The directory removed under the upload: the next part fails, the first stays stored.
+    auto removed = std::make_shared<HookedFileService>();
+    removed->afterFirstWrite = [&] { ASSERT_EQ(::rmdir(second.c_str()), 0); };
+    DataBuffer removedBody(body);
+    try {
+        runUploadPipeline(removed, service, DataBuffer("\r\n--XyZ"), removedBody);
+        ADD_FAILURE() << "a part was stored in a directory that is gone";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()).rfind("Cannot read the working directory", 0), 0u)
+            << error.what();
+    }
+    EXPECT_EQ(removed->paths(), Names{second + "/a"});
 }

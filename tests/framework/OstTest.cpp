@@ -5,6 +5,7 @@
 #include <climits>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 TEST(Ost, workingDirectoryAndNamesRoundTripThroughUtf16) {
@@ -12,6 +13,27 @@ TEST(Ost, workingDirectoryAndNamesRoundTripThroughUtf16) {
     ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
     std::u16string path = ost::filesystem::get_current_path();
     EXPECT_EQ(ost::i18n::to_string(path), cwd);
+
+    // A directory deeper than PATH_MAX is still read, whole.
+    char base[] = "/tmp/kestrin-deep-XXXXXX";
+    ASSERT_NE(::mkdtemp(base), nullptr);
+    ASSERT_EQ(::chdir(base), 0);
+    const std::string step(200, 'd');
+    std::string deep = base;
+    int depth = 0;
+    for (; deep.size() <= PATH_MAX && ::mkdir(step.c_str(), 0700) == 0; ++depth) {
+        EXPECT_EQ(::chdir(step.c_str()), 0);
+        deep += "/" + step;
+    }
+    std::string read;
+    EXPECT_NO_THROW(read = ost::i18n::to_string(ost::filesystem::get_current_path()));
+    EXPECT_EQ(read, deep);
+    for (; depth > 0; --depth) {
+        EXPECT_EQ(::chdir(".."), 0);
+        ::rmdir(step.c_str());
+    }
+    EXPECT_EQ(::chdir(cwd), 0);
+    ::rmdir(base);
 
     auto utf8 = ost::i18n::codecvt_string_to_ustring("UTF-8", true);
     // "Grüße-日本.txt" with a character outside the basic plane.

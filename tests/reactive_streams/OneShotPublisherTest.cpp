@@ -78,7 +78,9 @@ TEST(OneShotPublisher, requestInsideOnSubscribeDeliversOnceBeforeSubscribeReturn
         subscriber->whenNext = [](Subscription& s) { s.request(1); };
         subscriber->whenCompleted = [](Subscription& s) { s.request(1); };
 
+        EXPECT_TRUE(publisher->getStatus().get());
         publisher->subscribe(subscriber);
+        EXPECT_TRUE(publisher->getStatus().get());
         const Events once{"subscribe", "next:" + text, "complete"};
         EXPECT_EQ(subscriber->events, once);
 

@@ -17,12 +17,12 @@ RecordingFileService::~RecordingFileService() {
 }
 
 Future<file_common::v1::FileInfo> RecordingFileService::writeFile(file_common::v1::File&& file,
-                                                                  bool /*overwrite*/) {
+                                                                  bool overwrite) {
     Promise<file_common::v1::FileInfo> promise;
     Future<file_common::v1::FileInfo> future = promise.getFuture();
     {
         std::lock_guard<std::mutex> guard(mutex);
-        queue.push_back(Job{std::move(file), std::move(promise), ++requested});
+        queue.push_back(Job{std::move(file), std::move(promise), ++requested, overwrite});
     }
     wake.notify_one();
     return future;
@@ -63,7 +63,7 @@ void RecordingFileService::run() {
             // exception would look like a race to the race detector.
             job.promise.setException(std::move(error));
         } else {
-            stored.push_back(Write{job.file.info.path, bytesOf(job.file.content)});
+            stored.push_back(Write{job.file.info.path, bytesOf(job.file.content), job.overwrite});
             lock.unlock();
             job.promise.setValue(file_common::v1::FileInfo(job.file.info.path));
         }

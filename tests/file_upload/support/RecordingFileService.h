@@ -21,6 +21,7 @@ public:
     struct Write {
         std::u16string path;
         std::string bytes;
+        bool overwrite;
     };
 
     RecordingFileService();
@@ -41,6 +42,7 @@ private:
         file_common::v1::File file;
         Promise<file_common::v1::FileInfo> promise;
         size_t number;
+        bool overwrite;
     };
     void run();
 
