@@ -86,7 +86,12 @@ std::string AccessLog::rfc3339(std::chrono::system_clock::time_point time) {
     return text;
 }
 
-std::string AccessLog::quoteText(std::string_view text) {
+namespace {
+
+// Quotes text: a quote and a backslash get a backslash, a control byte becomes controlEscape
+// and two hex digits, and a byte that starts no UTF-8 sequence becomes invalid (or, when that
+// is empty, is escaped like a control byte).
+std::string quote(std::string_view text, const char* controlEscape, std::string_view invalid) {
     std::string out = "\"";
     for (std::size_t i = 0; i < text.size();) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
@@ -94,8 +99,10 @@ std::string AccessLog::quoteText(std::string_view text) {
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
-        } else if (length == 0 || c < 0x20 || c == 0x7F) {
-            appendHex(out, "\\x", c);
+        } else if (c < 0x20 || c == 0x7F || (length == 0 && invalid.empty())) {
+            appendHex(out, controlEscape, c);
+        } else if (length == 0) {
+            out += invalid;
         } else {
             out.append(text.substr(i, length));
             i += length;
@@ -107,27 +114,14 @@ std::string AccessLog::quoteText(std::string_view text) {
     return out;
 }
 
+} // namespace
+
+std::string AccessLog::quoteText(std::string_view text) {
+    return quote(text, "\\x", {});
+}
+
 std::string AccessLog::quoteJson(std::string_view text) {
-    std::string out = "\"";
-    for (std::size_t i = 0; i < text.size();) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        const std::size_t length = utf8Length(text, i);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c == 0x7F) {
-            appendHex(out, "\\u00", c);
-        } else if (length == 0) {
-            out += "\xEF\xBF\xBD";
-        } else {
-            out.append(text.substr(i, length));
-            i += length;
-            continue;
-        }
-        ++i;
-    }
-    out += '"';
-    return out;
+    return quote(text, "\\u00", "\xEF\xBF\xBD");
 }
 
 std::string AccessLog::request(const RequestRecord& record) const {
