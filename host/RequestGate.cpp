@@ -221,6 +221,10 @@ std::string RequestGate::routeLabel(std::string_view method, const std::string& 
     return "other";
 }
 
+bool RequestGate::isRefusal(std::string_view route, unsigned status) noexcept {
+    return status >= 400 && status != 404 && status != 405 && route != healthPath;
+}
+
 // Health before authentication, metrics after it: authenticated says which one is asked for.
 std::optional<Reply> RequestGate::statusEndpoint(const Head& head, std::string_view path,
                                                  bool authenticated) const {

@@ -137,6 +137,10 @@ public:
     // the server's own paths, or "other".
     [[nodiscard]] std::string routeLabel(std::string_view method, const std::string& target) const;
 
+    // Whether the server's own answer (not the module's) refused a client: a missing path or
+    // method is no refusal, and an unhealthy /healthz answers its question rather than refusing.
+    static bool isRefusal(std::string_view route, unsigned status) noexcept;
+
     const GateSettings& getSettings() const noexcept { return settings; }
 
 private:

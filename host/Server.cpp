@@ -935,7 +935,7 @@ private:
     // Answers the server gave instead of serving: not the service's own pages, and not a path
     // or method that simply is not there.
     bool refusedByServer(unsigned status) const {
-        return !fromService && status >= 400 && status != 404 && status != 405;
+        return !fromService && RequestGate::isRefusal(verdict.route, status);
     }
 
     void countEnd(const Reply& reply) {

@@ -306,6 +306,12 @@ TEST(RequestGate, healthAndMetricsAnswerFromTheHeadAndRoutesLabelFromAFixedSet) 
     EXPECT_EQ(sick.reply.status, 503u);
     EXPECT_EQ(text(sick.reply), "unavailable: the upload directory is gone\n");
     EXPECT_EQ(sick.reply.detail, "the upload directory is gone");
+    // Monitoring that alerts on refusals must not hear an unhealthy directory as clients refused.
+    EXPECT_FALSE(RequestGate::isRefusal(sick.route, sick.reply.status));
+    EXPECT_TRUE(RequestGate::isRefusal("/users", 503));
+    EXPECT_TRUE(RequestGate::isRefusal("/metrics", 401));
+    EXPECT_FALSE(RequestGate::isRefusal("other", 404));
+    EXPECT_FALSE(RequestGate::isRefusal("/users", 405));
 
     // Without the endpoints, the paths are nobody's.
     const RequestGate bare(GateSettings{}, uploadDispatcher(), nullptr, nullptr);
