@@ -1,0 +1,294 @@
+// Many small uploads at once, from a client that costs far less than the server it measures:
+// every request is built before the clock starts, each connection is one thread with a
+// blocking socket, and the timed loop only writes a prepared buffer and reads the answer.
+//
+//   small_upload_client --port P [--path /users] [--count 2000] [--connections 16]
+//                       [--size 4096] [--prefix small] [--timeout 120]
+//
+// Prints one JSON object: count, ok, elapsed, rate (uploads/s), p50 and p99 latency (s), and
+// ceiling, the uploads per second of the client's own CPU time: what the client could drive
+// with a core to itself. A rate near the ceiling means the client, not the server, was the
+// limit. Exits 1 when any upload did not get a 200.
+#include <algorithm>
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    int port = 0;
+    std::string path = "/users";
+    std::size_t count = 2000;
+    std::size_t connections = 16;
+    std::size_t size = 4096;
+    std::string prefix = "small";
+    double timeout = 120;
+};
+
+[[noreturn]] void usage(const char* why) {
+    std::fprintf(stderr,
+                 "small_upload_client: %s\nusage: small_upload_client --port P [--path /users] "
+                 "[--count 2000] [--connections 16] [--size 4096] [--prefix small] "
+                 "[--timeout 120]\n",
+                 why);
+    std::exit(2);
+}
+
+Options parse(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string flag = argv[i];
+        if (flag == "--help") {
+            usage("many small multipart uploads over keep-alive connections");
+        }
+        if (i + 1 >= argc) {
+            usage(("no value for " + flag).c_str());
+        }
+        const std::string value = argv[++i];
+        try {
+            if (flag == "--port") {
+                options.port = std::stoi(value);
+            } else if (flag == "--path") {
+                options.path = value;
+            } else if (flag == "--count") {
+                options.count = std::stoul(value);
+            } else if (flag == "--connections") {
+                options.connections = std::stoul(value);
+            } else if (flag == "--size") {
+                options.size = std::stoul(value);
+            } else if (flag == "--prefix") {
+                options.prefix = value;
+            } else if (flag == "--timeout") {
+                options.timeout = std::stod(value);
+            } else {
+                usage(("unknown option " + flag).c_str());
+            }
+        } catch (const std::logic_error&) {
+            usage((flag + " " + value + ": not a number").c_str());
+        }
+    }
+    if (options.port <= 0 || options.port > 65535 || options.count == 0 ||
+        options.connections == 0) {
+        usage("--port, --count and --connections must be positive");
+    }
+    options.connections = std::min(options.connections, options.count);
+    return options;
+}
+
+// The path goes on the request line as it is, spaces escaped.
+std::string target(const std::string& path) {
+    std::string out;
+    for (char c : path) {
+        out += c == ' ' ? std::string("%20") : std::string(1, c);
+    }
+    return out;
+}
+
+std::vector<std::string> buildRequests(const Options& options) {
+    const std::string boundary = "----SmallUploadClient7MA4YWxkTrZu0gW";
+    std::mt19937_64 random(1);
+    std::string content(options.size, '\0');
+    for (char& c : content) {
+        c = static_cast<char>(random());
+    }
+    std::vector<std::string> requests;
+    requests.reserve(options.count);
+    for (std::size_t i = 0; i < options.count; ++i) {
+        const std::string body = "--" + boundary +
+                                 "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" +
+                                 options.prefix + "-" + std::to_string(i) +
+                                 ".bin\"\r\nContent-Type: application/octet-stream\r\n\r\n" +
+                                 content + "\r\n--" + boundary + "--\r\n";
+        requests.push_back("POST " + target(options.path) +
+                           " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(options.port) +
+                           "\r\nContent-Type: multipart/form-data; boundary=" + boundary +
+                           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+                           body);
+    }
+    return requests;
+}
+
+class Connection {
+public:
+    Connection(int port, double timeout) {
+        fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
+        }
+        const int one = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        timeval limit{};
+        limit.tv_sec = static_cast<time_t>(timeout);
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            const int error = errno;
+            ::close(fd);
+            throw std::runtime_error(std::string("connect: ") + std::strerror(error));
+        }
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    ~Connection() { ::close(fd); }
+
+    // The answer's status, or 0 when the connection ended before a whole answer: a kept
+    // connection the server closed, which the caller may retry once on a new one.
+    int exchange(const std::string& request) {
+        for (std::size_t sent = 0; sent < request.size();) {
+            const ssize_t n =
+                ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+            if (n <= 0) {
+                return 0;
+            }
+            sent += static_cast<std::size_t>(n);
+        }
+        std::size_t headEnd;
+        while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
+            if (!receive()) {
+                return 0;
+            }
+        }
+        int status = 0;
+        std::sscanf(buffer.c_str(), "HTTP/1.%*d %d", &status);
+        std::size_t length = 0;
+        std::string head = buffer.substr(0, headEnd);
+        std::transform(head.begin(), head.end(), head.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        const std::size_t field = head.find("\r\ncontent-length:");
+        if (field != std::string::npos) {
+            length = std::strtoul(head.c_str() + field + 17, nullptr, 10);
+        }
+        while (buffer.size() < headEnd + 4 + length) {
+            if (!receive()) {
+                return 0;
+            }
+        }
+        buffer.erase(0, headEnd + 4 + length);
+        return status;
+    }
+
+private:
+    bool receive() {
+        char chunk[16384];
+        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+        if (n <= 0) {
+            return false;
+        }
+        buffer.append(chunk, static_cast<std::size_t>(n));
+        return true;
+    }
+
+    int fd;
+    std::string buffer;
+};
+
+double cpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const Options options = parse(argc, argv);
+    const std::vector<std::string> requests = buildRequests(options);
+
+    std::vector<std::unique_ptr<Connection>> connections;
+    try {
+        for (std::size_t i = 0; i < options.connections; ++i) {
+            connections.push_back(std::make_unique<Connection>(options.port, options.timeout));
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "small_upload_client: %s\n", error.what());
+        return 1;
+    }
+
+    std::atomic<std::size_t> next{0};
+    std::atomic<std::size_t> ok{0};
+    std::mutex lock;
+    std::vector<double> latencies;
+    std::string firstFailure;
+    const auto deadline = Clock::now() + std::chrono::duration<double>(options.timeout);
+
+    const double cpuBefore = cpuSeconds();
+    const auto started = Clock::now();
+    std::vector<std::thread> threads;
+    for (std::size_t c = 0; c < options.connections; ++c) {
+        threads.emplace_back([&, c] {
+            std::vector<double> mine;
+            std::unique_ptr<Connection> connection = std::move(connections[c]);
+            for (std::size_t i; (i = next.fetch_add(1)) < requests.size();) {
+                if (Clock::now() > deadline) {
+                    break;
+                }
+                const auto sent = Clock::now();
+                int status = connection->exchange(requests[i]);
+                if (status == 0) {
+                    try {
+                        connection = std::make_unique<Connection>(options.port, options.timeout);
+                        status = connection->exchange(requests[i]);
+                    } catch (const std::exception&) {
+                        status = 0;
+                    }
+                }
+                mine.push_back(std::chrono::duration<double>(Clock::now() - sent).count());
+                if (status == 200) {
+                    ok.fetch_add(1);
+                } else {
+                    std::lock_guard<std::mutex> guard(lock);
+                    if (firstFailure.empty()) {
+                        firstFailure = "upload " + std::to_string(i) + ": " +
+                                       (status == 0 ? std::string("no answer")
+                                                    : "status " + std::to_string(status));
+                    }
+                    if (status == 0) {
+                        break;
+                    }
+                }
+            }
+            std::lock_guard<std::mutex> guard(lock);
+            latencies.insert(latencies.end(), mine.begin(), mine.end());
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+    const double cpu = cpuSeconds() - cpuBefore;
+
+    std::sort(latencies.begin(), latencies.end());
+    const auto at = [&](std::size_t percent) {
+        return latencies.empty()
+                   ? 0.0
+                   : latencies[std::min(latencies.size() - 1, latencies.size() * percent / 100)];
+    };
+    const std::size_t done = ok.load();
+    std::printf("{\"count\": %zu, \"ok\": %zu, \"elapsed\": %.6f, \"rate\": %.1f, \"p50\": %.6f, "
+                "\"p99\": %.6f, \"ceiling\": %.1f, \"failure\": \"%s\"}\n",
+                options.count, done, elapsed, static_cast<double>(done) / elapsed, at(50), at(99),
+                cpu > 0 ? static_cast<double>(latencies.size()) / cpu : 0.0, firstFailure.c_str());
+    return done == options.count ? 0 : 1;
+}
