@@ -137,6 +137,11 @@ public:
     // the server's own paths, or "other".
     [[nodiscard]] std::string routeLabel(std::string_view method, const std::string& target) const;
 
+    // The largest body an upload may have: the body limit, or less when the memory budget
+    // could never hold the body and its copy. The demo page is rendered with it, so a file over
+    // it is refused before any byte is sent.
+    [[nodiscard]] std::uint64_t largestBody() const noexcept;
+
     const GateSettings& getSettings() const noexcept { return settings; }
 
 private:
@@ -150,6 +155,7 @@ private:
     MemoryBudget* budget;
     BasicAuth* auth;
     StatusEndpoints endpoints;
+    std::string demoPage;
 };
 
 // "scheme://host[:port]" in lower case without the scheme's default port, or nothing when text

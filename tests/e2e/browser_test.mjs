@@ -21,8 +21,6 @@ const chromiumArgs = [
   '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
   '--disable-background-networking', '--disable-component-update', '--disable-sync',
 ];
-const green = 'rgb(26, 127, 55)';
-const red = 'rgb(198, 40, 40)';
 
 // Starts a server and adds its process to `children` at once, so it is stopped even if it never
 // says where it listens. Its log is kept for the test to read and still shown as it comes.
@@ -94,14 +92,55 @@ function stop(child) {
   });
 }
 
+// The plain form's outcome once it has one: the sentence and the server's text beside it.
 async function resultOf(page, selector) {
-  const element = page.locator(selector);
   await page.waitForFunction(
-    (s) => /\b(ok|error)\b/.test(document.querySelector(s).className), selector, { timeout: 20000 });
-  return {
-    text: await element.textContent(),
-    color: await element.evaluate((e) => getComputedStyle(e).color),
+    (s) => /\b(stored|refused|failed)\b/.test(document.querySelector(s).className), selector,
+    { timeout: 20000 });
+  return page.locator(selector).evaluate((e) => ({
+    state: e.className.replace('outcome ', ''),
+    sentence: e.querySelector('.sentence').textContent,
+    original: e.querySelector('code')?.textContent,
+  }));
+}
+
+// Every change to the rows, as a list of snapshots: each row's name, state and percent.
+function recordRows() {
+  window.snapshots = [];
+  const take = () => {
+    const rows = Array.from(document.querySelectorAll('#rows .row'), (row) => ({
+      name: row.querySelector('.name').textContent,
+      state: row.dataset.state,
+      percent: row.querySelector('.percent').textContent,
+    }));
+    const last = JSON.stringify(window.snapshots.at(-1));
+    if (JSON.stringify(rows) !== last) {
+      window.snapshots.push(rows);
+    }
   };
+  new MutationObserver(take).observe(document.querySelector('#rows'),
+    { subtree: true, childList: true, attributes: true, characterData: true });
+}
+
+// The row of a file once it has an outcome.
+async function rowOutcome(page, name) {
+  const row = page.locator('#rows .row', { has: page.locator('.name', { hasText: name }) });
+  await row.locator('.outcome.stored, .outcome.refused, .outcome.failed, .outcome.cancelled')
+    .waitFor({ timeout: 30000 });
+  return row.evaluate((e) => ({
+    state: e.dataset.state,
+    sentence: e.querySelector('.sentence').textContent,
+    original: e.querySelector('code')?.textContent,
+  }));
+}
+
+const posts = (server) => server.log.split('\n').filter((line) => / POST "/.test(line)).length;
+
+async function shoot(page, name) {
+  mkdirSync(artifacts, { recursive: true });
+  const path = join(artifacts, `${name}.png`);
+  await page.screenshot({ path, fullPage: true });
+  console.log(`screenshot: ${path}`);
 }
 
 async function main() {
@@ -116,7 +155,7 @@ async function main() {
     console.error('browser test: timed out');
     children.forEach((child) => child.kill('SIGKILL'));
     process.exit(1);
-  }, 120000);
+  }, 150000);
   try {
     const server = await startServer(children, uploads);
     site = await startAttackerSite();
@@ -127,45 +166,136 @@ async function main() {
     });
     const page = context.pages()[0] ?? (await context.newPage());
     await page.goto(server.url);
+    assert.equal(await page.textContent('#limitText'), '1 GiB');
 
-    // Two files through the form, to the route whose name has a space.
+    // The plain form posts two files in one request into its frame, to the route whose name
+    // has a space; nothing chosen sends nothing; a name the server refuses is put in words.
     const first = Buffer.from('first file\r\n--\r\nwith dashes\r\n');
     const second = randomBytes(200 * 1024);
     await page.selectOption('#route', '/ORVANE Drive');
+    await page.click('#submit');
+    assert.equal((await resultOf(page, '#formResult')).state, 'refused');
     await page.setInputFiles('#files', [
       { name: 'first.txt', mimeType: 'text/plain', buffer: first },
       { name: 'second.bin', mimeType: 'application/octet-stream', buffer: second },
     ]);
     await page.click('#submit');
-    assert.deepEqual(await resultOf(page, '#formResult'), { text: 'SUCCESS', color: green });
+    assert.deepEqual(await resultOf(page, '#formResult'),
+                     { state: 'stored', sentence: 'Stored.', original: 'SUCCESS' });
+    assert.equal(posts(server), 1);
     assert.deepEqual(readFileSync(join(uploads, 'first.txt')), first);
     assert.deepEqual(readFileSync(join(uploads, 'second.bin')), second);
-    mkdirSync(artifacts, { recursive: true });
-    const shot = join(artifacts, 'upload.png');
-    await page.screenshot({ path: shot, fullPage: true });
-    console.log(`screenshot: ${shot}`);
-
-    // A file the server refuses to store: its error text is shown in red.
     await page.setInputFiles('#files', [{ name: '..', mimeType: 'text/plain', buffer: first }]);
     await page.click('#submit');
-    assert.deepEqual(await resultOf(page, '#formResult'),
-                     { text: "Refused file name '..': it names a directory", color: red });
+    const refusedName = {
+      state: 'refused',
+      sentence: 'This name stands for a folder and cannot name a file. Rename the file and try again.',
+      original: "Refused file name '..': it names a directory",
+    };
+    assert.deepEqual(await resultOf(page, '#formResult'), refusedName);
 
-    // The drop area's own input uploads with XMLHttpRequest and shows the page's message.
+    // Several files, each its own request and row, through a slow link: never more than three
+    // in flight, started in the order chosen; the refused name gets its sentence and text.
     await page.selectOption('#route', '/users');
-    const dropped = randomBytes(64 * 1024);
-    await page.setInputFiles('#dropFiles', [{ name: 'dropped.bin', mimeType: 'application/octet-stream', buffer: dropped }]);
-    assert.deepEqual(await resultOf(page, '#dropResult'), { text: 'SUCCESS', color: green });
-    assert.equal(await page.locator('#dropProgress').evaluate((e) => e.value), 1);
-    assert.deepEqual(readFileSync(join(uploads, 'dropped.bin')), dropped);
+    await page.evaluate(recordRows);
+    const cdp = await context.newCDPSession(page);
+    const throttle = (bytesPerSecond) => cdp.send('Network.emulateNetworkConditions', {
+      offline: false, latency: 20, downloadThroughput: -1, uploadThroughput: bytesPerSecond });
+    await throttle(2 * 1024 * 1024);
+    const several = ['one.bin', 'two.bin', '..', 'four.bin', 'five.bin']
+      .map((name) => ({ name, mimeType: 'application/octet-stream', buffer: randomBytes(300 * 1024) }));
+    await page.setInputFiles('#dropFiles', several);
+    await shoot(page, 'several-files');
+    for (const { name, buffer } of several) {
+      const outcome = await rowOutcome(page, name);
+      if (name === '..') {
+        assert.deepEqual(outcome, { ...refusedName, state: 'refused' });
+      } else {
+        assert.deepEqual(outcome, { state: 'stored', sentence: 'Stored.', original: 'SUCCESS' });
+        assert.deepEqual(readFileSync(join(uploads, name)), buffer);
+      }
+    }
+    let snapshots = await page.evaluate(() => window.snapshots);
+    const open = (rows) => rows.filter((row) => /uploading|storing/.test(row.state)).length;
+    assert.equal(Math.max(...snapshots.map(open)), 3);
+    const started = [];
+    snapshots.flat().forEach((row) => {
+      if (row.state !== 'queued' && !started.includes(row.name)) {
+        started.push(row.name);
+      }
+    });
+    assert.deepEqual(started, several.map((file) => file.name));
+
+    // A large file rises through its percentages to "storing" and is stored; one cancelled
+    // halfway leaves nothing in the upload directory, not even a temporary file.
+    await throttle(512 * 1024);
+    await page.evaluate(recordRows);
+    const big = randomBytes(3 * 1024 * 1024);
+    await page.setInputFiles('#dropFiles', [
+      { name: 'big.bin', mimeType: 'application/octet-stream', buffer: big },
+      { name: 'cancelled.bin', mimeType: 'application/octet-stream', buffer: big },
+    ]);
+    const percentOf = (name) => page.waitForFunction(
+      ([n, least]) => [...document.querySelectorAll('#rows .row')].some((row) =>
+        row.querySelector('.name').textContent === n &&
+        parseInt(row.querySelector('.percent').textContent, 10) >= least), name, { timeout: 30000 });
+    await percentOf(['cancelled.bin', 20]);
+    assert.match(await page.locator('.row[data-state=uploading] .numbers').first().textContent(),
+                 /^[\d.]+ [KM]iB of 3 MiB sent · [\d.]+ [KM]iB\/s · about \d+ s left$/);
+    await shoot(page, 'uploading');
+    assert.match(await page.getByRole('progressbar', { name: 'Upload of cancelled.bin' })
+      .getAttribute('aria-valuetext'), /^\d+%, [\d.]+ [KM]iB of 3 MiB$/);
+    await page.getByRole('button', { name: 'Cancel cancelled.bin' }).click();
+    assert.deepEqual(await rowOutcome(page, 'cancelled.bin'),
+                     { state: 'cancelled', sentence: 'Cancelled. Nothing was stored.', original: undefined });
+    assert.equal((await rowOutcome(page, 'big.bin')).state, 'stored');
+    assert.deepEqual(readFileSync(join(uploads, 'big.bin')), big);
+    snapshots = await page.evaluate(() => window.snapshots);
+    const bigRows = snapshots.flat().filter((row) => row.name === 'big.bin');
+    const percents = bigRows.map((row) => parseInt(row.percent, 10)).filter((p) => p >= 0);
+    assert.ok(new Set(percents.filter((p) => p > 0 && p < 100)).size >= 3, `percents ${percents}`);
+    assert.deepEqual(percents, [...percents].sort((a, b) => a - b));
+    assert.ok(bigRows.some((row) => row.state === 'storing' && row.percent === 'storing'));
+    await throttle(-1);
+    await shoot(page, 'outcomes');
+
+    // From the keyboard alone: tab to the drop zone, Enter or Space opens the chooser, the file
+    // is sent and its result announced. The chooser is caught from the first press on.
+    const choosers = [];
+    page.on('filechooser', (chooser) => choosers.push(chooser));
+    await page.evaluate(() => document.activeElement.blur());
+    for (let tabs = 0; tabs < 10 && !(await page.evaluate(() => document.activeElement.id === 'dropZone')); ++tabs) {
+      await page.keyboard.press('Tab');
+    }
+    for (const key of ['Enter', ' ']) {
+      await page.keyboard.press(key);
+      await page.waitForFunction(() => true, null, { timeout: 1000 });
+    }
+    assert.equal(choosers.length, 2);
+    await choosers[0].setFiles([{ name: 'keyboard.txt', mimeType: 'text/plain', buffer: first }]);
+    assert.equal((await rowOutcome(page, 'keyboard.txt')).state, 'stored');
+    assert.equal(await page.textContent('#announce'), 'keyboard.txt: Stored.');
+    for (const cancelled of ['cancelled.bin', '.kestrin-upload-']) {
+      assert.ok(!readdirSync(uploads).some((name) => name.startsWith(cancelled)), cancelled);
+    }
+
+    // On a phone: nothing scrolls sideways, every control is a finger wide.
+    await page.setViewportSize({ width: 360, height: 800 });
+    assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= 360));
+    const small = await page.evaluate(() => [...document.querySelectorAll('button, select, #dropZone')]
+      .filter((e) => e.offsetParent !== null).map((e) => e.getBoundingClientRect())
+      .filter((box) => box.width < 44 || box.height < 44).length);
+    assert.equal(small, 0);
+    await shoot(page, 'phone');
 
     // The owner's own file, stored through the demo page: what the other site tries to replace.
     const victim = 'stored by the owner through the upload page\n';
     await page.setInputFiles('#files',
                              [{ name: 'victim.txt', mimeType: 'text/plain', buffer: Buffer.from(victim) }]);
     await page.click('#submit');
-    assert.deepEqual(await resultOf(page, '#formResult'), { text: 'SUCCESS', color: green });
-    const stored = ['dropped.bin', 'first.txt', 'second.bin', 'victim.txt'];
+    assert.equal((await resultOf(page, '#formResult')).original, 'SUCCESS');
+    const stored = ['big.bin', 'first.txt', 'five.bin', 'four.bin', 'keyboard.txt', 'one.bin',
+                    'second.bin', 'two.bin', 'victim.txt'];
     assert.deepEqual(readdirSync(uploads).sort(), stored);
 
     // A page of another site posts its own victim.txt with a form on load, then no-cors.txt and
@@ -229,6 +359,24 @@ async function main() {
     assert.equal(readFileSync(join(listed, 'victim.txt'), 'utf8'), plantedContent);
     await attacker.waitForFunction(() => window.messages.length > 0, null, { timeout: 20000 });
     assert.deepEqual(await attacker.evaluate(() => window.messages), ['SUCCESS']);
+
+    // A server with a small body limit: the page says it, and a file over it is refused on the
+    // page, so the server never sees it; the next file under it is the only request it logs.
+    const limited = await startServer(children, join(root, 'limited'), ['--max-body', '256K']);
+    await page.goto(limited.url);
+    assert.equal(await page.textContent('#limitText'), '256 KiB');
+    await page.setInputFiles('#dropFiles', [
+      { name: 'large.bin', mimeType: 'application/octet-stream', buffer: randomBytes(300 * 1024) },
+      { name: 'small.bin', mimeType: 'application/octet-stream', buffer: randomBytes(1024) },
+    ]);
+    assert.deepEqual(await rowOutcome(page, 'large.bin'), {
+      state: 'refused', original: undefined,
+      sentence: 'Not sent: 300 KiB is over the 256 KiB limit. Send a smaller file, or split it.',
+    });
+    assert.equal((await rowOutcome(page, 'small.bin')).state, 'stored');
+    await shoot(page, 'over-limit');
+    await logLine(limited, '/users');
+    assert.equal(posts(limited), 1);
     console.log('browser test: passed');
   } finally {
     clearTimeout(deadline);
