@@ -105,7 +105,9 @@ function hostOutcome(status, size) {
   case 403: return ["refused", "The server takes uploads only from its own pages."];
   case 404: return ["refused", "This destination does not exist on the server."];
   case 408: return ["failed", "The upload was too slow or paused too long, and the server gave up. Try again."];
-  case 413: return ["refused", overLimit(size)];
+  // Over the limit this page knows, or the server was restarted with a lower one since.
+  case 413: return ["refused", size > largestBody ? overLimit(size)
+    : `${formatBytes(size)} is over the server's limit, which is lower than when this page was loaded. Reload the page to see it.`];
   case 503: return ["failed", "The server is busy. Try again in a few seconds."];
   }
   if (status >= 500) {
@@ -181,13 +183,14 @@ function element(tag, className, parent) {
 function addRow(file) {
   const row = element("li", "row", rows);
   const job = { file, destination: route.value, row, request: null, state: "", sentAll: false };
-  element("span", "name", row).textContent = file.name;
+  const label = element("div", "label", row);
+  element("span", "name", label).textContent = file.name;
+  element("span", "size", label).textContent = formatBytes(file.size);
   const cancel = element("button", "cancel", row);
   cancel.type = "button";
   cancel.textContent = "Cancel";
   cancel.setAttribute("aria-label", `Cancel ${file.name}`);
   cancel.addEventListener("click", () => cancelUpload(job));
-  element("span", "size", row).textContent = formatBytes(file.size);
   const meter = element("div", "meter", row);
   job.bar = element("progress", "", meter);
   job.bar.max = 100;

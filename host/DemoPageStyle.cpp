@@ -15,6 +15,7 @@ section { border: 1px solid #ccc; border-radius: 6px; padding: 1rem; margin: 1re
 .field label, form label { display: block; font-weight: bold; margin-bottom: 0.3rem; }
 select, button, input[type=file] { font: inherit; min-height: 44px; max-width: 100%; }
 select { width: 100%; }
+::file-selector-button { font: inherit; min-height: 44px; }
 button { min-width: 44px; padding: 0.4rem 1.2rem; }
 :focus-visible { outline: 3px solid #1565c0; outline-offset: 2px; }
 #dropZone { border: 2px dashed #666; border-radius: 6px; padding: 2rem 1rem; text-align: center;
@@ -26,7 +27,9 @@ button { min-width: 44px; padding: 0.4rem 1.2rem; }
 #rows { list-style: none; padding: 0; margin: 0; }
 .row { border-top: 1px solid #ddd; padding: 0.6rem 0; display: grid; gap: 0.3rem;
        grid-template-columns: minmax(0, 1fr) auto; }
-.row .name { font-weight: bold; overflow-wrap: anywhere; }
+.row .label { display: flex; flex-wrap: wrap; gap: 0 0.6rem; align-items: baseline;
+              min-width: 0; }
+.row .name { font-weight: bold; overflow-wrap: anywhere; min-width: 0; }
 .row .size, .row .numbers { color: #555; font-size: 0.9rem; }
 .row .meter, .row .numbers, .row .outcome { grid-column: 1 / -1; }
 .row .meter { display: flex; gap: 0.5rem; align-items: center; }

@@ -24,9 +24,9 @@ const chromiumArgs = [
 
 // Starts a server and adds its process to `children` at once, so it is stopped even if it never
 // says where it listens. Its log is kept for the test to read and still shown as it comes.
-function startServer(children, directory, flags = []) {
+function startServer(children, directory, flags = [], listen = '127.0.0.1:0') {
   const child = spawn(serverBinary,
-                      ['--listen', '127.0.0.1:0', '--dir', directory, '--threads', '2', ...flags],
+                      ['--listen', listen, '--dir', directory, '--threads', '2', ...flags],
                       { stdio: ['ignore', 'pipe', 'pipe'] });
   children.push(child);
   const server = { child, url: null, log: '' };
@@ -377,6 +377,18 @@ async function main() {
     await shoot(page, 'over-limit');
     await logLine(limited, '/users');
     assert.equal(posts(limited), 1);
+    // Restarted with a lower limit, the server answers 413 and the page says what happened.
+    await stop(limited.child);
+    const lowered = await startServer(children, join(root, 'limited'), ['--max-body', '64K'],
+                                      new URL(limited.url).host);
+    await page.setInputFiles('#dropFiles', [
+      { name: 'medium.bin', mimeType: 'application/octet-stream', buffer: randomBytes(100 * 1024) }]);
+    assert.deepEqual(await rowOutcome(page, 'medium.bin'), {
+      state: 'refused', original: '413 Payload Too Large',
+      sentence: "100 KiB is over the server's limit, which is lower than when this page was " +
+                'loaded. Reload the page to see it.',
+    });
+    assert.match(await logLine(lowered, '/users'), / 413 in=0 /);
     console.log('browser test: passed');
   } finally {
     clearTimeout(deadline);
