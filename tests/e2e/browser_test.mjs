@@ -202,7 +202,8 @@ async function main() {
     const throttle = (bytesPerSecond) => cdp.send('Network.emulateNetworkConditions', {
       offline: false, latency: 20, downloadThroughput: -1, uploadThroughput: bytesPerSecond });
     await throttle(2 * 1024 * 1024);
-    const several = ['one.bin', 'two.bin', '..', 'four.bin', 'five.bin']
+    const longName = 'a-file-name-far-too-long-for-one-line-on-a-phone-unless-it-wraps-anywhere.bin';
+    const several = ['one.bin', 'two.bin', '..', longName, 'five.bin']
       .map((name) => ({ name, mimeType: 'application/octet-stream', buffer: randomBytes(300 * 1024) }));
     await page.setInputFiles('#dropFiles', several);
     await shoot(page, 'several-files');
@@ -256,6 +257,16 @@ async function main() {
     assert.ok(new Set(percents.filter((p) => p > 0 && p < 100)).size >= 3, `percents ${percents}`);
     assert.deepEqual(percents, [...percents].sort((a, b) => a - b));
     assert.ok(bigRows.some((row) => row.state === 'storing' && row.percent === 'storing'));
+    // Cancel all: the three sending and the one waiting.
+    const rest = ['r1.bin', 'r2.bin', 'r3.bin', 'r4.bin']
+      .map((name) => ({ name, mimeType: 'application/octet-stream', buffer: big }));
+    await page.setInputFiles('#dropFiles', rest);
+    await percentOf(['r1.bin', 5]);
+    await page.click('#cancelAll');
+    for (const { name } of rest) {
+      assert.equal((await rowOutcome(page, name)).state, 'cancelled', name);
+    }
+    assert.equal((await rowOutcome(page, 'r4.bin')).sentence, 'Cancelled before it was sent.');
     await throttle(-1);
     await shoot(page, 'outcomes');
 
@@ -275,7 +286,7 @@ async function main() {
     await choosers[0].setFiles([{ name: 'keyboard.txt', mimeType: 'text/plain', buffer: first }]);
     assert.equal((await rowOutcome(page, 'keyboard.txt')).state, 'stored');
     assert.equal(await page.textContent('#announce'), 'keyboard.txt: Stored.');
-    for (const cancelled of ['cancelled.bin', '.kestrin-upload-']) {
+    for (const cancelled of ['cancelled.bin', 'r1.bin', 'r2.bin', 'r3.bin', '.kestrin-upload-']) {
       assert.ok(!readdirSync(uploads).some((name) => name.startsWith(cancelled)), cancelled);
     }
 
@@ -294,8 +305,8 @@ async function main() {
                              [{ name: 'victim.txt', mimeType: 'text/plain', buffer: Buffer.from(victim) }]);
     await page.click('#submit');
     assert.equal((await resultOf(page, '#formResult')).original, 'SUCCESS');
-    const stored = ['big.bin', 'first.txt', 'five.bin', 'four.bin', 'keyboard.txt', 'one.bin',
-                    'second.bin', 'two.bin', 'victim.txt'];
+    const stored = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
+                    'two.bin', 'victim.txt', longName].sort();
     assert.deepEqual(readdirSync(uploads).sort(), stored);
 
     // A page of another site posts its own victim.txt with a form on load, then no-cors.txt and
