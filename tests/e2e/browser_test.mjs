@@ -202,7 +202,7 @@ async function main() {
     const throttle = (bytesPerSecond) => cdp.send('Network.emulateNetworkConditions', {
       offline: false, latency: 20, downloadThroughput: -1, uploadThroughput: bytesPerSecond });
     await throttle(2 * 1024 * 1024);
-    const longName = 'a-file-name-far-too-long-for-one-line-on-a-phone-unless-it-wraps-anywhere.bin';
+    const longName = 'a_file_name_far_too_long_for_one_line_on_a_phone_unless_it_wraps_anywhere.bin';
     const several = ['one.bin', 'two.bin', '..', longName, 'five.bin']
       .map((name) => ({ name, mimeType: 'application/octet-stream', buffer: randomBytes(300 * 1024) }));
     await page.setInputFiles('#dropFiles', several);
@@ -292,7 +292,8 @@ async function main() {
 
     // On a phone: nothing scrolls sideways, every control is a finger wide.
     await page.setViewportSize({ width: 360, height: 800 });
-    assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= 360));
+    const width = await page.evaluate(() => document.documentElement.scrollWidth);
+    assert.ok(width <= 360, `the page is ${width} px wide`);
     const small = await page.evaluate(() => [...document.querySelectorAll('button, select, #dropZone')]
       .filter((e) => e.offsetParent !== null).map((e) => e.getBoundingClientRect())
       .filter((box) => box.width < 44 || box.height < 44).length);
