@@ -1,10 +1,10 @@
-// Drives Debian's chromium against the real server's demo page: two files chosen and posted
-// through the form are shown as "SUCCESS" and land on disk; a failing upload shows its error
-// text; the drop area's upload reports its result the same way. Then a page of another site
-// tries to replace a file stored through the demo page, with a form and with fetch: the server
-// refuses each request and nothing on disk changes; a second server that lists that site as an
-// allowed origin stores the same form's file. A screenshot goes to KESTRIN_ARTIFACTS. The server
-// binary comes from KESTRIN_SERVER or the first argument.
+// Drives Debian's chromium against the real server's upload page: the plain form posts into its
+// frame; chosen files get a row each, three in flight, through a throttled link whose progress
+// rises; cancelled ones store nothing; refusals are put in words beside the server's text; the
+// drop zone works from the keyboard and the page on a phone. A page of another site tries to
+// replace a stored file with a form and with fetch and is refused, unless listed with
+// --allow-origin. Against a small --max-body, a file over it is never sent. Screenshots of each
+// state go to KESTRIN_ARTIFACTS. The server binary comes from KESTRIN_SERVER or the first argument.
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { randomBytes } from 'node:crypto';
@@ -92,55 +92,36 @@ function stop(child) {
   });
 }
 
-// The plain form's outcome once it has one: the sentence and the server's text beside it.
-async function resultOf(page, selector) {
-  await page.waitForFunction(
-    (s) => /\b(stored|refused|failed)\b/.test(document.querySelector(s).className), selector,
-    { timeout: 20000 });
-  return page.locator(selector).evaluate((e) => ({
-    state: e.className.replace('outcome ', ''),
-    sentence: e.querySelector('.sentence').textContent,
-    original: e.querySelector('code')?.textContent,
-  }));
-}
-
-// Every change to the rows, as a list of snapshots: each row's name, state and percent.
+// Every change to the rows, as snapshots of each row's name, state and percent.
 function recordRows() {
   window.snapshots = [];
-  const take = () => {
-    const rows = Array.from(document.querySelectorAll('#rows .row'), (row) => ({
+  new MutationObserver(() => window.snapshots.push(Array.from(
+    document.querySelectorAll('#rows .row'), (row) => ({
       name: row.querySelector('.name').textContent,
       state: row.dataset.state,
       percent: row.querySelector('.percent').textContent,
-    }));
-    const last = JSON.stringify(window.snapshots.at(-1));
-    if (JSON.stringify(rows) !== last) {
-      window.snapshots.push(rows);
-    }
-  };
-  new MutationObserver(take).observe(document.querySelector('#rows'),
+    })))).observe(document.querySelector('#rows'),
     { subtree: true, childList: true, attributes: true, characterData: true });
 }
 
-// The row of a file once it has an outcome.
-async function rowOutcome(page, name) {
-  const row = page.locator('#rows .row', { has: page.locator('.name', { hasText: name }) });
-  await row.locator('.outcome.stored, .outcome.refused, .outcome.failed, .outcome.cancelled')
-    .waitFor({ timeout: 30000 });
-  return row.evaluate((e) => ({
-    state: e.dataset.state,
+// The outcome of the plain form ('#formResult') or of a file's row, once it has one.
+async function outcomeOf(page, where) {
+  const outcome = page.locator(where.startsWith('#') ? where
+    : `#rows .row:has(.name:text-is("${where}")) .outcome`);
+  await outcome.and(page.locator('.stored, .refused, .failed, .cancelled')).waitFor();
+  return outcome.evaluate((e) => ({
+    state: e.classList[1],
     sentence: e.querySelector('.sentence').textContent,
     original: e.querySelector('code')?.textContent,
   }));
 }
 
+const file = (name, buffer) => ({ name, mimeType: 'application/octet-stream', buffer });
 const posts = (server) => server.log.split('\n').filter((line) => / POST "/.test(line)).length;
 
 async function shoot(page, name) {
   mkdirSync(artifacts, { recursive: true });
-  const path = join(artifacts, `${name}.png`);
-  await page.screenshot({ path, fullPage: true });
-  console.log(`screenshot: ${path}`);
+  await page.screenshot({ path: join(artifacts, `${name}.png`), fullPage: true });
 }
 
 async function main() {
@@ -165,6 +146,7 @@ async function main() {
       args: chromiumArgs,
     });
     const page = context.pages()[0] ?? (await context.newPage());
+    page.setDefaultTimeout(30000);
     await page.goto(server.url);
     assert.equal(await page.textContent('#limitText'), '1 GiB');
 
@@ -174,25 +156,22 @@ async function main() {
     const second = randomBytes(200 * 1024);
     await page.selectOption('#route', '/ORVANE Drive');
     await page.click('#submit');
-    assert.equal((await resultOf(page, '#formResult')).state, 'refused');
-    await page.setInputFiles('#files', [
-      { name: 'first.txt', mimeType: 'text/plain', buffer: first },
-      { name: 'second.bin', mimeType: 'application/octet-stream', buffer: second },
-    ]);
+    assert.equal((await outcomeOf(page, '#formResult')).state, 'refused');
+    await page.setInputFiles('#files', [file('first.txt', first), file('second.bin', second)]);
     await page.click('#submit');
-    assert.deepEqual(await resultOf(page, '#formResult'),
-                     { state: 'stored', sentence: 'Stored.', original: 'SUCCESS' });
+    const stored = { state: 'stored', sentence: 'Stored.', original: 'SUCCESS' };
+    assert.deepEqual(await outcomeOf(page, '#formResult'), stored);
     assert.equal(posts(server), 1);
     assert.deepEqual(readFileSync(join(uploads, 'first.txt')), first);
     assert.deepEqual(readFileSync(join(uploads, 'second.bin')), second);
-    await page.setInputFiles('#files', [{ name: '..', mimeType: 'text/plain', buffer: first }]);
+    await page.setInputFiles('#files', [file('..', first)]);
     await page.click('#submit');
     const refusedName = {
       state: 'refused',
       sentence: 'This name stands for a folder and cannot name a file. Rename the file and try again.',
       original: "Refused file name '..': it names a directory",
     };
-    assert.deepEqual(await resultOf(page, '#formResult'), refusedName);
+    assert.deepEqual(await outcomeOf(page, '#formResult'), refusedName);
 
     // Several files, each its own request and row, through a slow link: never more than three
     // in flight, started in the order chosen; the refused name gets its sentence and text.
@@ -204,52 +183,39 @@ async function main() {
     await throttle(2 * 1024 * 1024);
     const longName = 'a_file_name_far_too_long_for_one_line_on_a_phone_unless_it_wraps_anywhere.bin';
     const several = ['one.bin', 'two.bin', '..', longName, 'five.bin']
-      .map((name) => ({ name, mimeType: 'application/octet-stream', buffer: randomBytes(300 * 1024) }));
+      .map((name) => file(name, randomBytes(300 * 1024)));
     await page.setInputFiles('#dropFiles', several);
     await shoot(page, 'several-files');
     for (const { name, buffer } of several) {
-      const outcome = await rowOutcome(page, name);
-      if (name === '..') {
-        assert.deepEqual(outcome, { ...refusedName, state: 'refused' });
-      } else {
-        assert.deepEqual(outcome, { state: 'stored', sentence: 'Stored.', original: 'SUCCESS' });
+      assert.deepEqual(await outcomeOf(page, name), name === '..' ? refusedName : stored);
+      if (name !== '..') {
         assert.deepEqual(readFileSync(join(uploads, name)), buffer);
       }
     }
     let snapshots = await page.evaluate(() => window.snapshots);
     const open = (rows) => rows.filter((row) => /uploading|storing/.test(row.state)).length;
     assert.equal(Math.max(...snapshots.map(open)), 3);
-    const started = [];
-    snapshots.flat().forEach((row) => {
-      if (row.state !== 'queued' && !started.includes(row.name)) {
-        started.push(row.name);
-      }
-    });
-    assert.deepEqual(started, several.map((file) => file.name));
+    const started = snapshots.flat().filter((row) => row.state !== 'queued').map((row) => row.name);
+    assert.deepEqual([...new Set(started)], several.map(({ name }) => name));
 
-    // A large file rises through its percentages to "storing" and is stored; one cancelled
-    // halfway leaves nothing in the upload directory, not even a temporary file.
+    // A large file rises through its percentages to "storing" and is stored; one cancelled on
+    // its way, and four cancelled at once (three sending, one waiting), store nothing.
     await throttle(512 * 1024);
     await page.evaluate(recordRows);
     const big = randomBytes(3 * 1024 * 1024);
-    await page.setInputFiles('#dropFiles', [
-      { name: 'big.bin', mimeType: 'application/octet-stream', buffer: big },
-      { name: 'cancelled.bin', mimeType: 'application/octet-stream', buffer: big },
-    ]);
-    const percentOf = (name) => page.waitForFunction(
-      ([n, least]) => [...document.querySelectorAll('#rows .row')].some((row) =>
-        row.querySelector('.name').textContent === n &&
-        parseInt(row.querySelector('.percent').textContent, 10) >= least), name, { timeout: 30000 });
-    await percentOf(['cancelled.bin', 20]);
+    await page.setInputFiles('#dropFiles', [file('big.bin', big), file('cancelled.bin', big)]);
+    const reached = (name, least) => page.waitForFunction(([n, l]) => [...document.querySelectorAll('.row')]
+      .some((row) => row.querySelector('.name').textContent === n &&
+                     parseInt(row.querySelector('.percent').textContent, 10) >= l), [name, least]);
+    await reached('cancelled.bin', 20);
     assert.match(await page.locator('.row[data-state=uploading] .numbers').first().textContent(),
                  /^[\d.]+ [KM]iB of 3 MiB sent · [\d.]+ [KM]iB\/s · about \d+ s left$/);
-    await shoot(page, 'uploading');
     assert.match(await page.getByRole('progressbar', { name: 'Upload of cancelled.bin' })
       .getAttribute('aria-valuetext'), /^\d+%, [\d.]+ [KM]iB of 3 MiB$/);
+    await shoot(page, 'uploading');
     await page.getByRole('button', { name: 'Cancel cancelled.bin' }).click();
-    assert.deepEqual(await rowOutcome(page, 'cancelled.bin'),
-                     { state: 'cancelled', sentence: 'Cancelled. Nothing was stored.', original: undefined });
-    assert.equal((await rowOutcome(page, 'big.bin')).state, 'stored');
+    assert.equal((await outcomeOf(page, 'cancelled.bin')).sentence, 'Cancelled. Nothing was stored.');
+    assert.equal((await outcomeOf(page, 'big.bin')).state, 'stored');
     assert.deepEqual(readFileSync(join(uploads, 'big.bin')), big);
     snapshots = await page.evaluate(() => window.snapshots);
     const bigRows = snapshots.flat().filter((row) => row.name === 'big.bin');
@@ -257,16 +223,14 @@ async function main() {
     assert.ok(new Set(percents.filter((p) => p > 0 && p < 100)).size >= 3, `percents ${percents}`);
     assert.deepEqual(percents, [...percents].sort((a, b) => a - b));
     assert.ok(bigRows.some((row) => row.state === 'storing' && row.percent === 'storing'));
-    // Cancel all: the three sending and the one waiting.
-    const rest = ['r1.bin', 'r2.bin', 'r3.bin', 'r4.bin']
-      .map((name) => ({ name, mimeType: 'application/octet-stream', buffer: big }));
-    await page.setInputFiles('#dropFiles', rest);
-    await percentOf(['r1.bin', 5]);
+    const rest = ['r1.bin', 'r2.bin', 'r3.bin', 'r4.bin'];
+    await page.setInputFiles('#dropFiles', rest.map((name) => file(name, big)));
+    await reached('r1.bin', 5);
     await page.click('#cancelAll');
-    for (const { name } of rest) {
-      assert.equal((await rowOutcome(page, name)).state, 'cancelled', name);
+    for (const name of rest) {
+      assert.equal((await outcomeOf(page, name)).state, 'cancelled', name);
     }
-    assert.equal((await rowOutcome(page, 'r4.bin')).sentence, 'Cancelled before it was sent.');
+    assert.equal((await outcomeOf(page, 'r4.bin')).sentence, 'Cancelled before it was sent.');
     await throttle(-1);
     await shoot(page, 'outcomes');
 
@@ -280,13 +244,13 @@ async function main() {
     }
     for (const key of ['Enter', ' ']) {
       await page.keyboard.press(key);
-      await page.waitForFunction(() => true, null, { timeout: 1000 });
+      await page.waitForFunction(() => true);
     }
     assert.equal(choosers.length, 2);
-    await choosers[0].setFiles([{ name: 'keyboard.txt', mimeType: 'text/plain', buffer: first }]);
-    assert.equal((await rowOutcome(page, 'keyboard.txt')).state, 'stored');
+    await choosers[0].setFiles([file('keyboard.txt', first)]);
+    assert.equal((await outcomeOf(page, 'keyboard.txt')).state, 'stored');
     assert.equal(await page.textContent('#announce'), 'keyboard.txt: Stored.');
-    for (const cancelled of ['cancelled.bin', 'r1.bin', 'r2.bin', 'r3.bin', '.kestrin-upload-']) {
+    for (const cancelled of ['cancelled.bin', ...rest, '.kestrin-upload-']) {
       assert.ok(!readdirSync(uploads).some((name) => name.startsWith(cancelled)), cancelled);
     }
 
@@ -294,10 +258,9 @@ async function main() {
     await page.setViewportSize({ width: 360, height: 800 });
     const width = await page.evaluate(() => document.documentElement.scrollWidth);
     assert.ok(width <= 360, `the page is ${width} px wide`);
-    const small = await page.evaluate(() => [...document.querySelectorAll('button, select, #dropZone')]
+    assert.deepEqual(await page.evaluate(() => [...document.querySelectorAll('button, select, #dropZone')]
       .filter((e) => e.offsetParent !== null).map((e) => e.getBoundingClientRect())
-      .filter((box) => box.width < 44 || box.height < 44).length);
-    assert.equal(small, 0);
+      .filter((box) => box.width < 44 || box.height < 44)), []);
     await shoot(page, 'phone');
 
     // The owner's own file, stored through the demo page: what the other site tries to replace.
@@ -305,10 +268,10 @@ async function main() {
     await page.setInputFiles('#files',
                              [{ name: 'victim.txt', mimeType: 'text/plain', buffer: Buffer.from(victim) }]);
     await page.click('#submit');
-    assert.equal((await resultOf(page, '#formResult')).original, 'SUCCESS');
-    const stored = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
-                    'two.bin', 'victim.txt', longName].sort();
-    assert.deepEqual(readdirSync(uploads).sort(), stored);
+    assert.equal((await outcomeOf(page, '#formResult')).original, 'SUCCESS');
+    const storedNames = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
+                         'two.bin', 'victim.txt', longName].sort();
+    assert.deepEqual(readdirSync(uploads).sort(), storedNames);
 
     // A page of another site posts its own victim.txt with a form on load, then no-cors.txt and
     // cors.txt with fetch. The server's log proves each request really left the browser (so
@@ -355,7 +318,7 @@ async function main() {
     });
     // The refusal is plain text, not a result page: the other site hears nothing.
     verify('messages to the page of another site', () => assert.deepEqual(messages, []));
-    verify('upload directory', () => assert.deepEqual(readdirSync(uploads).sort(), stored));
+    verify('upload directory', () => assert.deepEqual(readdirSync(uploads).sort(), storedNames));
     if (failures.length > 0) {
       throw new Error(`uploads from another site were not refused:\n${failures.join('\n')}`);
     }
@@ -377,15 +340,13 @@ async function main() {
     const limited = await startServer(children, join(root, 'limited'), ['--max-body', '256K']);
     await page.goto(limited.url);
     assert.equal(await page.textContent('#limitText'), '256 KiB');
-    await page.setInputFiles('#dropFiles', [
-      { name: 'large.bin', mimeType: 'application/octet-stream', buffer: randomBytes(300 * 1024) },
-      { name: 'small.bin', mimeType: 'application/octet-stream', buffer: randomBytes(1024) },
-    ]);
-    assert.deepEqual(await rowOutcome(page, 'large.bin'), {
+    await page.setInputFiles('#dropFiles',
+                             [file('large.bin', randomBytes(300 * 1024)), file('small.bin', first)]);
+    assert.deepEqual(await outcomeOf(page, 'large.bin'), {
       state: 'refused', original: undefined,
       sentence: 'Not sent: 300 KiB is over the 256 KiB limit. Send a smaller file, or split it.',
     });
-    assert.equal((await rowOutcome(page, 'small.bin')).state, 'stored');
+    assert.equal((await outcomeOf(page, 'small.bin')).state, 'stored');
     await shoot(page, 'over-limit');
     await logLine(limited, '/users');
     assert.equal(posts(limited), 1);
@@ -393,9 +354,8 @@ async function main() {
     await stop(limited.child);
     const lowered = await startServer(children, join(root, 'limited'), ['--max-body', '64K'],
                                       new URL(limited.url).host);
-    await page.setInputFiles('#dropFiles', [
-      { name: 'medium.bin', mimeType: 'application/octet-stream', buffer: randomBytes(100 * 1024) }]);
-    assert.deepEqual(await rowOutcome(page, 'medium.bin'), {
+    await page.setInputFiles('#dropFiles', [file('medium.bin', randomBytes(100 * 1024))]);
+    assert.deepEqual(await outcomeOf(page, 'medium.bin'), {
       state: 'refused', original: '413 Payload Too Large',
       sentence: "100 KiB is over the server's limit, which is lower than when this page was " +
                 'loaded. Reload the page to see it.',
