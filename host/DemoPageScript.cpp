@@ -366,12 +366,22 @@ form.addEventListener("submit", (event) => {
     showOutcome(formResult, { state: "refused", sentence: "Choose at least one file first: nothing was sent." });
     return;
   }
+  const chosen = Array.from(formFiles.files);
+  if (chosen.reduce((sum, each) => sum + requestSize(each), 0) > largestBody) {
+    event.preventDefault();
+    const size = chosen.reduce((sum, each) => sum + each.size, 0);
+    showOutcome(formResult, { state: "refused", sentence: `Not sent: ${overLimit(size)}` });
+    return;
+  }
   form.action = route.value;
   formPending = true;
   showOutcome(formResult, { state: "pending", sentence: "Uploading\u2026" });
 });
 
-// The server's own answers (too large, refused) are plain text and post no message.
+// The server's own answers (too large, refused) are plain text and post no message; the frame
+// cannot see their status, so it is read off the reason phrase they open with.
+const reasons = { "Bad Request": 400, "Unauthorized": 401, "Forbidden": 403, "Not Found": 404,
+                  "Request Timeout": 408, "Payload Too Large": 413, "Service Unavailable": 503 };
 formFrame.addEventListener("load", () => {
   if (!formPending) {
     return;
@@ -379,8 +389,10 @@ formFrame.addEventListener("load", () => {
   formPending = false;
   const doc = formFrame.contentDocument;
   const text = doc && doc.body ? doc.body.textContent.trim() : "";
-  showOutcome(formResult, { state: "failed", sentence: "The server did not store the files.",
-                            original: text || "no answer" });
+  const status = reasons[text.split(":")[0]] ?? 500;
+  const size = Array.from(formFiles.files).reduce((sum, chosen) => sum + chosen.size, 0);
+  const [state, sentence] = hostOutcome(status, size);
+  showOutcome(formResult, { state, sentence, original: text || "no answer" });
 });
 )js";
 

@@ -347,6 +347,9 @@ async function main() {
       sentence: 'Not sent: 300 KiB is over the 256 KiB limit. Send a smaller file, or split it.',
     });
     assert.equal((await outcomeOf(page, 'small.bin')).state, 'stored');
+    await page.setInputFiles('#files', [file('large.bin', randomBytes(300 * 1024))]);
+    await page.click('#submit');
+    assert.match((await outcomeOf(page, '#formResult')).sentence, /^Not sent: 300 KiB is over/);
     await shoot(page, 'over-limit');
     await logLine(limited, '/users');
     assert.equal(posts(limited), 1);
@@ -361,6 +364,11 @@ async function main() {
                 'loaded. Reload the page to see it.',
     });
     assert.match(await logLine(lowered, '/users'), / 413 in=0 /);
+    await page.setInputFiles('#files', [file('medium.bin', randomBytes(100 * 1024))]);
+    await page.click('#submit');
+    assert.deepEqual(await outcomeOf(page, '#formResult'), {
+      state: 'refused', original: 'Payload Too Large',
+      sentence: (await outcomeOf(page, 'medium.bin')).sentence });
     console.log('browser test: passed');
   } finally {
     clearTimeout(deadline);
