@@ -2,176 +2,84 @@
 
 namespace kestrin::host {
 
-const std::string_view demoPage = R"page(<!DOCTYPE html>
-<html lang="en">
+namespace {
+
+// The page up to the largest body's number, which the script reads from the root element.
+constexpr std::string_view pageOpening = R"page(<!DOCTYPE html>
+<html lang="en" data-largest-body=")page";
+
+constexpr std::string_view pageHead = R"page(">
 <head>
 <meta charset="utf-8">
 <meta name="viewport" content="width=device-width, initial-scale=1">
-<title>kestrin file upload</title>
+<title>Upload files</title>
 <link rel="icon" href="data:,">
 <style>
-  body { font-family: system-ui, sans-serif; max-width: 44rem; margin: 2rem auto; padding: 0 1rem;
-         color: #222; }
-  h1 { font-size: 1.4rem; }
-  section { border: 1px solid #ccc; border-radius: 6px; padding: 1rem; margin-bottom: 1.5rem; }
-  h2 { font-size: 1.1rem; margin-top: 0; }
-  label { display: block; margin-bottom: 0.6rem; }
-  button { padding: 0.3rem 1.2rem; }
-  #dropZone { border: 2px dashed #888; border-radius: 6px; padding: 2rem; text-align: center;
-              cursor: pointer; }
-  #dropZone.over { border-color: #2a6; background: #efe; }
-  progress { width: 100%; margin-top: 0.8rem; }
-  .result { margin-top: 0.8rem; min-height: 1.4em; font-weight: bold; white-space: pre-wrap; }
-  .result.ok { color: #1a7f37; }
-  .result.error { color: #c62828; }
-  .result.pending { color: #666; font-weight: normal; }
-</style>
+)page";
+
+constexpr std::string_view pageBody = R"page(</style>
 </head>
 <body>
+<main>
 <h1>Upload files</h1>
 
-<label>Destination
-  <select id="route">
-    <option value="/users">/users</option>
-    <option value="/ORVANE Drive">/ORVANE Drive</option>
+<div class="field">
+  <label for="route">Destination</label>
+  <select id="route" aria-describedby="routeHelp">
+    <option value="/users">Users (/users)</option>
+    <option value="/ORVANE Drive">ORVANE Drive (/ORVANE Drive)</option>
   </select>
-</label>
+  <p id="routeHelp" class="hint">The two addresses this server takes uploads at. Both keep each
+    file under its own name in the server's upload folder; choose the one you were given.</p>
+</div>
 
-<section>
-  <h2>Choose files</h2>
+<section aria-labelledby="sendTitle">
+  <h2 id="sendTitle">Send files</h2>
+  <p id="limit">Each file may be up to <strong id="limitText"></strong>. Files are sent one by
+    one, three at a time; you can cancel any of them until its last byte is sent.</p>
+  <div id="dropZone" role="button" tabindex="0" aria-describedby="limit">
+    <strong>Choose files</strong> or drop them here
+  </div>
+  <input id="dropFiles" type="file" multiple hidden aria-label="Files to upload">
+  <div class="bar">
+    <p id="summary">No uploads yet.</p>
+    <button id="cancelAll" type="button" disabled>Cancel all</button>
+  </div>
+  <ul id="rows" aria-label="Uploads"></ul>
+  <p id="announce" class="spoken" aria-live="polite"></p>
+</section>
+
+<section aria-labelledby="formTitle">
+  <h2 id="formTitle">Plain form</h2>
+  <p class="hint">How a page of your own can embed an upload: a form posts into a hidden frame,
+    and the server's answer hands its text to the page. All chosen files go in one request.</p>
   <form id="uploadForm" method="post" enctype="multipart/form-data" target="resultFrame"
-        action="/users">
-    <label><input id="files" type="file" name="file" multiple></label>
+        action="/users" novalidate>
+    <label for="files">Files</label>
+    <input id="files" type="file" name="file" multiple>
     <button id="submit" type="submit">Upload</button>
   </form>
-  <div id="formResult" class="result" role="status"></div>
-  <iframe id="resultFrame" name="resultFrame" title="upload result" hidden></iframe>
+  <p id="formResult" class="outcome" aria-live="polite"></p>
+  <iframe id="resultFrame" name="resultFrame" title="Upload answer" hidden></iframe>
 </section>
-
-<section>
-  <h2>Or drop files here</h2>
-  <div id="dropZone" tabindex="0">Drop files here, or click to choose</div>
-  <input id="dropFiles" type="file" multiple hidden>
-  <progress id="dropProgress" max="1" value="0"></progress>
-  <div id="dropResult" class="result" role="status"></div>
-</section>
-
+</main>
 <script>
-"use strict";
-const route = document.getElementById("route");
-const form = document.getElementById("uploadForm");
-const formResult = document.getElementById("formResult");
-const formFrame = document.getElementById("resultFrame");
-const dropZone = document.getElementById("dropZone");
-const dropFiles = document.getElementById("dropFiles");
-const dropProgress = document.getElementById("dropProgress");
-const dropResult = document.getElementById("dropResult");
-let dropFrame = null;
-let formPending = false;
+)page";
 
-// The result page's script hands over one message: "SUCCESS" or the error text.
-function show(element, message) {
-  element.textContent = message;
-  element.className = "result " + (message === "SUCCESS" ? "ok" : "error");
-}
-
-function showPending(element, text) {
-  element.textContent = text;
-  element.className = "result pending";
-}
-
-window.addEventListener("message", (event) => {
-  if (event.source === formFrame.contentWindow) {
-    formPending = false;
-    show(formResult, String(event.data));
-  } else if (dropFrame && event.source === dropFrame.contentWindow) {
-    show(dropResult, String(event.data));
-  }
-});
-
-form.addEventListener("submit", () => {
-  form.action = route.value;
-  formPending = true;
-  showPending(formResult, "Uploading\u2026");
-});
-
-// The server's own errors (too large, not found) are plain text and post no message.
-formFrame.addEventListener("load", () => {
-  if (!formPending) {
-    return;
-  }
-  formPending = false;
-  const doc = formFrame.contentDocument;
-  const text = doc && doc.body ? doc.body.textContent.trim() : "";
-  show(formResult, text || "No answer from the server");
-});
-
-function showResultPage(html) {
-  if (dropFrame) {
-    dropFrame.remove();
-  }
-  dropFrame = document.createElement("iframe");
-  dropFrame.hidden = true;
-  dropFrame.title = "drop upload result";
-  // Its own origin: the page may run its one script and post its message, nothing more.
-  dropFrame.setAttribute("sandbox", "allow-scripts");
-  dropFrame.srcdoc = html;
-  document.body.appendChild(dropFrame);
-}
-
-function upload(files) {
-  if (!files || files.length === 0) {
-    return;
-  }
-  const data = new FormData();
-  for (const file of files) {
-    data.append("file", file, file.name);
-  }
-  const request = new XMLHttpRequest();
-  request.open("POST", route.value);
-  request.upload.addEventListener("progress", (event) => {
-    if (event.lengthComputable) {
-      dropProgress.value = event.loaded / event.total;
-    }
-  });
-  request.addEventListener("load", () => {
-    dropProgress.value = 1;
-    const type = request.getResponseHeader("Content-Type") || "";
-    if (type.startsWith("text/html")) {
-      showResultPage(request.responseText);
-    } else {
-      show(dropResult, request.status + " " + request.responseText.trim());
-    }
-  });
-  request.addEventListener("error", () => show(dropResult, "The upload failed: no connection"));
-  dropProgress.value = 0;
-  showPending(dropResult, "Uploading " + files.length + " file(s)\u2026");
-  request.send(data);
-}
-
-dropZone.addEventListener("dragover", (event) => {
-  event.preventDefault();
-  dropZone.classList.add("over");
-});
-dropZone.addEventListener("dragleave", () => dropZone.classList.remove("over"));
-dropZone.addEventListener("drop", (event) => {
-  event.preventDefault();
-  dropZone.classList.remove("over");
-  upload(event.dataTransfer.files);
-});
-dropZone.addEventListener("click", () => dropFiles.click());
-dropZone.addEventListener("keydown", (event) => {
-  if (event.key === "Enter" || event.key === " ") {
-    dropFiles.click();
-  }
-});
-dropFiles.addEventListener("change", () => {
-  upload(Array.from(dropFiles.files));
-  dropFiles.value = "";
-});
-</script>
+constexpr std::string_view pageClosing = R"page(</script>
 </body>
 </html>
 )page";
+
+} // namespace
+
+std::string renderDemoPage(std::uint64_t largestBody) {
+    std::string page;
+    page.reserve(pageOpening.size() + 20 + pageHead.size() + demoPageStyle.size() +
+                 pageBody.size() + demoPageScript.size() + pageClosing.size());
+    page.append(pageOpening).append(std::to_string(largestBody)).append(pageHead);
+    page.append(demoPageStyle).append(pageBody).append(demoPageScript).append(pageClosing);
+    return page;
+}
 
 } // namespace kestrin::host

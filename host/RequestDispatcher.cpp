@@ -3,7 +3,6 @@
 #include "framework/HttpRequest.h"
 #include "framework/HttpResponse.h"
 #include "framework/ServiceMessage.h"
-#include "host/DemoPage.h"
 #include "reactive_streams/OneShotPublisher.h"
 
 #include <exception>
@@ -124,9 +123,9 @@ std::string RequestDispatcher::pageMessage(const common::DataBuffer& page) {
     return std::string(text.substr(start + opening.size(), end - start - opening.size()));
 }
 
-Reply RequestDispatcher::demoPageReply() {
+Reply RequestDispatcher::demoPageReply(std::string_view renderedPage) {
     common::DataBuffer body;
-    body.append(reinterpret_cast<const uint8_t*>(demoPage.data()), demoPage.size());
+    body.append(reinterpret_cast<const uint8_t*>(renderedPage.data()), renderedPage.size());
     return Reply{200, std::string(htmlType), std::move(body), {}, {}, false};
 }
 

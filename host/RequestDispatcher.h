@@ -60,7 +60,8 @@ public:
                              common::DataBuffer* returned = nullptr);
 
     static Reply plainText(unsigned status, std::string_view text, std::string detail = {});
-    static Reply demoPageReply();
+    // The demo page as renderDemoPage made it: rendered once, served as often as asked.
+    static Reply demoPageReply(std::string_view renderedPage);
 
     // The message a result page hands to its parent, as it stands in the page's script
     // (escaped), or the page's first bytes when it is no result page: for the log.

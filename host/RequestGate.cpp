@@ -1,6 +1,7 @@
 #include "host/RequestGate.h"
 
 #include "host/BasicAuth.h"
+#include "host/DemoPage.h"
 #include "host/HttpRules.h"
 
 #include <boost/beast/core/string.hpp>
@@ -90,6 +91,17 @@ RequestGate::RequestGate(GateSettings gateSettings,
     for (std::string& origin : settings.allowedOrigins) {
         origin = normalizeOrigin(origin).value_or(lower(origin));
     }
+    demoPage = renderDemoPage(largestBody());
+}
+
+std::uint64_t RequestGate::largestBody() const noexcept {
+    if (budget == nullptr) {
+        return settings.maxBody;
+    }
+    // The largest length that chargeFor keeps within the budget's limit.
+    const std::uint64_t fits =
+        budget->limit() < requestOverhead ? 0 : (budget->limit() - requestOverhead) / 2;
+    return std::min(settings.maxBody, fits);
 }
 
 Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> contentLength,
@@ -171,7 +183,7 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
     verdict.destination = dispatcher->route(toString(head.method_string()), *path);
     switch (verdict.destination.kind) {
     case RequestDispatcher::Destination::Kind::demoPage:
-        verdict.reply = RequestDispatcher::demoPageReply();
+        verdict.reply = RequestDispatcher::demoPageReply(demoPage);
         verdict.route = "/";
         return verdict;
     case RequestDispatcher::Destination::Kind::notFound:

@@ -141,6 +141,11 @@ public:
     // method is no refusal, and an unhealthy /healthz answers its question rather than refusing.
     static bool isRefusal(std::string_view route, unsigned status) noexcept;
 
+    // The largest body an upload may have: the body limit, or less when the memory budget
+    // could never hold the body and its copy. The demo page is rendered with it, so a file over
+    // it is refused before any byte is sent.
+    [[nodiscard]] std::uint64_t largestBody() const noexcept;
+
     const GateSettings& getSettings() const noexcept { return settings; }
 
 private:
@@ -154,6 +159,7 @@ private:
     MemoryBudget* budget;
     BasicAuth* auth;
     StatusEndpoints endpoints;
+    std::string demoPage;
 };
 
 // "scheme://host[:port]" in lower case without the scheme's default port, or nothing when text

@@ -1,10 +1,10 @@
-// Drives Debian's chromium against the real server's demo page: two files chosen and posted
-// through the form are shown as "SUCCESS" and land on disk; a failing upload shows its error
-// text; the drop area's upload reports its result the same way. Then a page of another site
-// tries to replace a file stored through the demo page, with a form and with fetch: the server
-// refuses each request and nothing on disk changes; a second server that lists that site as an
-// allowed origin stores the same form's file. A screenshot goes to KESTRIN_ARTIFACTS. The server
-// binary comes from KESTRIN_SERVER or the first argument.
+// Drives Debian's chromium against the real server's upload page: the plain form posts into its
+// frame; chosen files get a row each, three in flight, through a throttled link whose progress
+// rises; cancelled ones store nothing; refusals are put in words beside the server's text; the
+// drop zone works from the keyboard and the page on a phone. A page of another site tries to
+// replace a stored file with a form and with fetch and is refused, unless listed with
+// --allow-origin. Against a small --max-body, a file over it is never sent. Screenshots of each
+// state go to KESTRIN_ARTIFACTS. The server binary comes from KESTRIN_SERVER or the first argument.
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { randomBytes } from 'node:crypto';
@@ -21,14 +21,12 @@ const chromiumArgs = [
   '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
   '--disable-background-networking', '--disable-component-update', '--disable-sync',
 ];
-const green = 'rgb(26, 127, 55)';
-const red = 'rgb(198, 40, 40)';
 
 // Starts a server and adds its process to `children` at once, so it is stopped even if it never
 // says where it listens. Its log is kept for the test to read and still shown as it comes.
-function startServer(children, directory, flags = []) {
+function startServer(children, directory, flags = [], listen = '127.0.0.1:0') {
   const child = spawn(serverBinary,
-                      ['--listen', '127.0.0.1:0', '--dir', directory, '--threads', '2', ...flags],
+                      ['--listen', listen, '--dir', directory, '--threads', '2', ...flags],
                       { stdio: ['ignore', 'pipe', 'pipe'] });
   children.push(child);
   const server = { child, url: null, log: '' };
@@ -94,14 +92,36 @@ function stop(child) {
   });
 }
 
-async function resultOf(page, selector) {
-  const element = page.locator(selector);
-  await page.waitForFunction(
-    (s) => /\b(ok|error)\b/.test(document.querySelector(s).className), selector, { timeout: 20000 });
-  return {
-    text: await element.textContent(),
-    color: await element.evaluate((e) => getComputedStyle(e).color),
-  };
+// Every change to the rows, as snapshots of each row's name, state and percent.
+function recordRows() {
+  window.snapshots = [];
+  new MutationObserver(() => window.snapshots.push(Array.from(
+    document.querySelectorAll('#rows .row'), (row) => ({
+      name: row.querySelector('.name').textContent,
+      state: row.dataset.state,
+      percent: row.querySelector('.percent').textContent,
+    })))).observe(document.querySelector('#rows'),
+    { subtree: true, childList: true, attributes: true, characterData: true });
+}
+
+// The outcome of the plain form ('#formResult') or of a file's row, once it has one.
+async function outcomeOf(page, where) {
+  const outcome = page.locator(where.startsWith('#') ? where
+    : `#rows .row:has(.name:text-is("${where}")) .outcome`);
+  await outcome.and(page.locator('.stored, .refused, .failed, .cancelled')).waitFor();
+  return outcome.evaluate((e) => ({
+    state: e.classList[1],
+    sentence: e.querySelector('.sentence').textContent,
+    original: e.querySelector('code')?.textContent,
+  }));
+}
+
+const file = (name, buffer) => ({ name, mimeType: 'application/octet-stream', buffer });
+const posts = (server) => server.log.split('\n').filter((line) => / POST "/.test(line)).length;
+
+async function shoot(page, name) {
+  mkdirSync(artifacts, { recursive: true });
+  await page.screenshot({ path: join(artifacts, `${name}.png`), fullPage: true });
 }
 
 async function main() {
@@ -116,7 +136,7 @@ async function main() {
     console.error('browser test: timed out');
     children.forEach((child) => child.kill('SIGKILL'));
     process.exit(1);
-  }, 120000);
+  }, 150000);
   try {
     const server = await startServer(children, uploads);
     site = await startAttackerSite();
@@ -126,47 +146,132 @@ async function main() {
       args: chromiumArgs,
     });
     const page = context.pages()[0] ?? (await context.newPage());
+    page.setDefaultTimeout(30000);
     await page.goto(server.url);
+    assert.equal(await page.textContent('#limitText'), '1 GiB');
 
-    // Two files through the form, to the route whose name has a space.
+    // The plain form posts two files in one request into its frame, to the route whose name
+    // has a space; nothing chosen sends nothing; a name the server refuses is put in words.
     const first = Buffer.from('first file\r\n--\r\nwith dashes\r\n');
     const second = randomBytes(200 * 1024);
     await page.selectOption('#route', '/ORVANE Drive');
-    await page.setInputFiles('#files', [
-      { name: 'first.txt', mimeType: 'text/plain', buffer: first },
-      { name: 'second.bin', mimeType: 'application/octet-stream', buffer: second },
-    ]);
     await page.click('#submit');
-    assert.deepEqual(await resultOf(page, '#formResult'), { text: 'SUCCESS', color: green });
+    assert.equal((await outcomeOf(page, '#formResult')).state, 'refused');
+    await page.setInputFiles('#files', [file('first.txt', first), file('second.bin', second)]);
+    await page.click('#submit');
+    const stored = { state: 'stored', sentence: 'Stored.', original: 'SUCCESS' };
+    assert.deepEqual(await outcomeOf(page, '#formResult'), stored);
+    assert.equal(posts(server), 1);
     assert.deepEqual(readFileSync(join(uploads, 'first.txt')), first);
     assert.deepEqual(readFileSync(join(uploads, 'second.bin')), second);
-    mkdirSync(artifacts, { recursive: true });
-    const shot = join(artifacts, 'upload.png');
-    await page.screenshot({ path: shot, fullPage: true });
-    console.log(`screenshot: ${shot}`);
-
-    // A file the server refuses to store: its error text is shown in red.
-    await page.setInputFiles('#files', [{ name: '..', mimeType: 'text/plain', buffer: first }]);
+    await page.setInputFiles('#files', [file('..', first)]);
     await page.click('#submit');
-    assert.deepEqual(await resultOf(page, '#formResult'),
-                     { text: "Refused file name '..': it names a directory", color: red });
+    const refusedName = {
+      state: 'refused',
+      sentence: 'This name stands for a folder and cannot name a file. Rename the file and try again.',
+      original: "Refused file name '..': it names a directory",
+    };
+    assert.deepEqual(await outcomeOf(page, '#formResult'), refusedName);
 
-    // The drop area's own input uploads with XMLHttpRequest and shows the page's message.
+    // Several files, each its own request and row, through a slow link: never more than three
+    // in flight, started in the order chosen; the refused name gets its sentence and text.
     await page.selectOption('#route', '/users');
-    const dropped = randomBytes(64 * 1024);
-    await page.setInputFiles('#dropFiles', [{ name: 'dropped.bin', mimeType: 'application/octet-stream', buffer: dropped }]);
-    assert.deepEqual(await resultOf(page, '#dropResult'), { text: 'SUCCESS', color: green });
-    assert.equal(await page.locator('#dropProgress').evaluate((e) => e.value), 1);
-    assert.deepEqual(readFileSync(join(uploads, 'dropped.bin')), dropped);
+    await page.evaluate(recordRows);
+    const cdp = await context.newCDPSession(page);
+    const throttle = (bytesPerSecond) => cdp.send('Network.emulateNetworkConditions', {
+      offline: false, latency: 20, downloadThroughput: -1, uploadThroughput: bytesPerSecond });
+    await throttle(2 * 1024 * 1024);
+    const longName = 'a_file_name_far_too_long_for_one_line_on_a_phone_unless_it_wraps_anywhere.bin';
+    const several = ['one.bin', 'two.bin', '..', longName, 'five.bin']
+      .map((name) => file(name, randomBytes(300 * 1024)));
+    await page.setInputFiles('#dropFiles', several);
+    await shoot(page, 'several-files');
+    for (const { name, buffer } of several) {
+      assert.deepEqual(await outcomeOf(page, name), name === '..' ? refusedName : stored);
+      if (name !== '..') {
+        assert.deepEqual(readFileSync(join(uploads, name)), buffer);
+      }
+    }
+    let snapshots = await page.evaluate(() => window.snapshots);
+    const open = (rows) => rows.filter((row) => /uploading|storing/.test(row.state)).length;
+    assert.equal(Math.max(...snapshots.map(open)), 3);
+    const started = snapshots.flat().filter((row) => row.state !== 'queued').map((row) => row.name);
+    assert.deepEqual([...new Set(started)], several.map(({ name }) => name));
+
+    // A large file rises through its percentages to "storing" and is stored; one cancelled on
+    // its way, and four cancelled at once (three sending, one waiting), store nothing.
+    await throttle(512 * 1024);
+    await page.evaluate(recordRows);
+    const big = randomBytes(3 * 1024 * 1024);
+    await page.setInputFiles('#dropFiles', [file('big.bin', big), file('cancelled.bin', big)]);
+    const reached = (name, least) => page.waitForFunction(([n, l]) => [...document.querySelectorAll('.row')]
+      .some((row) => row.querySelector('.name').textContent === n &&
+                     parseInt(row.querySelector('.percent').textContent, 10) >= l), [name, least]);
+    await reached('cancelled.bin', 20);
+    assert.match(await page.locator('.row[data-state=uploading] .numbers').first().textContent(),
+                 /^[\d.]+ [KM]iB of 3 MiB sent · [\d.]+ [KM]iB\/s · about \d+ s left$/);
+    assert.match(await page.getByRole('progressbar', { name: 'Upload of cancelled.bin' })
+      .getAttribute('aria-valuetext'), /^\d+%, [\d.]+ [KM]iB of 3 MiB$/);
+    await shoot(page, 'uploading');
+    await page.getByRole('button', { name: 'Cancel cancelled.bin' }).click();
+    assert.equal((await outcomeOf(page, 'cancelled.bin')).sentence, 'Cancelled. Nothing was stored.');
+    assert.equal((await outcomeOf(page, 'big.bin')).state, 'stored');
+    assert.deepEqual(readFileSync(join(uploads, 'big.bin')), big);
+    snapshots = await page.evaluate(() => window.snapshots);
+    const bigRows = snapshots.flat().filter((row) => row.name === 'big.bin');
+    const percents = bigRows.map((row) => parseInt(row.percent, 10)).filter((p) => p >= 0);
+    assert.ok(new Set(percents.filter((p) => p > 0 && p < 100)).size >= 3, `percents ${percents}`);
+    assert.deepEqual(percents, [...percents].sort((a, b) => a - b));
+    assert.ok(bigRows.some((row) => row.state === 'storing' && row.percent === 'storing'));
+    const rest = ['r1.bin', 'r2.bin', 'r3.bin', 'r4.bin'];
+    await page.setInputFiles('#dropFiles', rest.map((name) => file(name, big)));
+    await reached('r1.bin', 5);
+    await page.click('#cancelAll');
+    for (const name of rest) {
+      assert.equal((await outcomeOf(page, name)).state, 'cancelled', name);
+    }
+    assert.equal((await outcomeOf(page, 'r4.bin')).sentence, 'Cancelled before it was sent.');
+    await throttle(-1);
+    await shoot(page, 'outcomes');
+
+    // From the keyboard alone: tab to the drop zone, Enter or Space opens the chooser, the file
+    // is sent and its result announced. The chooser is caught from the first press on.
+    const choosers = [];
+    page.on('filechooser', (chooser) => choosers.push(chooser));
+    await page.evaluate(() => document.activeElement.blur());
+    for (let tabs = 0; tabs < 10 && !(await page.evaluate(() => document.activeElement.id === 'dropZone')); ++tabs) {
+      await page.keyboard.press('Tab');
+    }
+    for (const key of ['Enter', ' ']) {
+      await page.keyboard.press(key);
+      await page.waitForFunction(() => true);
+    }
+    assert.equal(choosers.length, 2);
+    await choosers[0].setFiles([file('keyboard.txt', first)]);
+    assert.equal((await outcomeOf(page, 'keyboard.txt')).state, 'stored');
+    assert.equal(await page.textContent('#announce'), 'keyboard.txt: Stored.');
+    for (const cancelled of ['cancelled.bin', ...rest, '.kestrin-upload-']) {
+      assert.ok(!readdirSync(uploads).some((name) => name.startsWith(cancelled)), cancelled);
+    }
+
+    // On a phone: nothing scrolls sideways, every control is a finger wide.
+    await page.setViewportSize({ width: 360, height: 800 });
+    const width = await page.evaluate(() => document.documentElement.scrollWidth);
+    assert.ok(width <= 360, `the page is ${width} px wide`);
+    assert.deepEqual(await page.evaluate(() => [...document.querySelectorAll('button, select, #dropZone')]
+      .filter((e) => e.offsetParent !== null).map((e) => e.getBoundingClientRect())
+      .filter((box) => box.width < 44 || box.height < 44)), []);
+    await shoot(page, 'phone');
 
     // The owner's own file, stored through the demo page: what the other site tries to replace.
     const victim = 'stored by the owner through the upload page\n';
     await page.setInputFiles('#files',
                              [{ name: 'victim.txt', mimeType: 'text/plain', buffer: Buffer.from(victim) }]);
     await page.click('#submit');
-    assert.deepEqual(await resultOf(page, '#formResult'), { text: 'SUCCESS', color: green });
-    const stored = ['dropped.bin', 'first.txt', 'second.bin', 'victim.txt'];
-    assert.deepEqual(readdirSync(uploads).sort(), stored);
+    assert.equal((await outcomeOf(page, '#formResult')).original, 'SUCCESS');
+    const storedNames = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
+                         'two.bin', 'victim.txt', longName].sort();
+    assert.deepEqual(readdirSync(uploads).sort(), storedNames);
 
     // A page of another site posts its own victim.txt with a form on load, then no-cors.txt and
     // cors.txt with fetch. The server's log proves each request really left the browser (so
@@ -213,7 +318,7 @@ async function main() {
     });
     // The refusal is plain text, not a result page: the other site hears nothing.
     verify('messages to the page of another site', () => assert.deepEqual(messages, []));
-    verify('upload directory', () => assert.deepEqual(readdirSync(uploads).sort(), stored));
+    verify('upload directory', () => assert.deepEqual(readdirSync(uploads).sort(), storedNames));
     if (failures.length > 0) {
       throw new Error(`uploads from another site were not refused:\n${failures.join('\n')}`);
     }
@@ -229,6 +334,41 @@ async function main() {
     assert.equal(readFileSync(join(listed, 'victim.txt'), 'utf8'), plantedContent);
     await attacker.waitForFunction(() => window.messages.length > 0, null, { timeout: 20000 });
     assert.deepEqual(await attacker.evaluate(() => window.messages), ['SUCCESS']);
+
+    // A server with a small body limit: the page says it, and a file over it is refused on the
+    // page, so the server never sees it; the next file under it is the only request it logs.
+    const limited = await startServer(children, join(root, 'limited'), ['--max-body', '256K']);
+    await page.goto(limited.url);
+    assert.equal(await page.textContent('#limitText'), '256 KiB');
+    await page.setInputFiles('#dropFiles',
+                             [file('large.bin', randomBytes(300 * 1024)), file('small.bin', first)]);
+    assert.deepEqual(await outcomeOf(page, 'large.bin'), {
+      state: 'refused', original: undefined,
+      sentence: 'Not sent: 300 KiB is over the 256 KiB limit. Send a smaller file, or split it.',
+    });
+    assert.equal((await outcomeOf(page, 'small.bin')).state, 'stored');
+    await page.setInputFiles('#files', [file('large.bin', randomBytes(300 * 1024))]);
+    await page.click('#submit');
+    assert.match((await outcomeOf(page, '#formResult')).sentence, /^Not sent: 300 KiB is over/);
+    await shoot(page, 'over-limit');
+    await logLine(limited, '/users');
+    assert.equal(posts(limited), 1);
+    // Restarted with a lower limit, the server answers 413 and the page says what happened.
+    await stop(limited.child);
+    const lowered = await startServer(children, join(root, 'limited'), ['--max-body', '64K'],
+                                      new URL(limited.url).host);
+    await page.setInputFiles('#dropFiles', [file('medium.bin', randomBytes(100 * 1024))]);
+    assert.deepEqual(await outcomeOf(page, 'medium.bin'), {
+      state: 'refused', original: '413 Payload Too Large',
+      sentence: "100 KiB is over the server's limit, which is lower than when this page was " +
+                'loaded. Reload the page to see it.',
+    });
+    assert.match(await logLine(lowered, '/users'), / 413 in=0 /);
+    await page.setInputFiles('#files', [file('medium.bin', randomBytes(100 * 1024))]);
+    await page.click('#submit');
+    assert.deepEqual(await outcomeOf(page, '#formResult'), {
+      state: 'refused', original: 'Payload Too Large',
+      sentence: (await outcomeOf(page, 'medium.bin')).sentence });
     console.log('browser test: passed');
   } finally {
     clearTimeout(deadline);

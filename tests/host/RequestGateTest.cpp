@@ -253,6 +253,30 @@ TEST(RequestGate, routesTheRestAsBeforeAndReadsTheBoundary) {
     EXPECT_EQ(decide(gate, "Content-Type: text/plain\r\n").boundary, std::nullopt);
 }
 
+// The page is rendered with the largest body the gate admits, so that a file over it is
+// refused before it is sent: the body limit, or less where the memory budget could never hold a
+// larger body with its copy.
+TEST(RequestGate, theDemoPageNamesTheLargestBodyItAdmits) {
+    const auto largestOnPage = [](const RequestGate& gate) {
+        const std::string page = text(decide(gate, "", "GET / HTTP/1.1").reply);
+        const std::string key = "data-largest-body=\"";
+        const std::size_t start = page.find(key) + key.size();
+        return page.substr(start, page.find('"', start) - start);
+    };
+    GateSettings settings;
+    settings.maxBody = 256 * 1024;
+    EXPECT_EQ(largestOnPage(RequestGate(settings, uploadDispatcher(), nullptr, nullptr)), "262144");
+
+    MemoryBudget budget(RequestGate::chargeFor(1000) + 1);
+    const RequestGate tight(settings, uploadDispatcher(), &budget, nullptr);
+    EXPECT_EQ(largestOnPage(tight), "1000");
+    EXPECT_EQ(decide(tight, "Content-Length: 1000\r\n").kind, Kind::service);
+    EXPECT_EQ(decide(tight, "Content-Length: 1001\r\n").reply.status, 413u);
+
+    MemoryBudget tiny(RequestGate::requestOverhead - 1);
+    EXPECT_EQ(largestOnPage(RequestGate(settings, uploadDispatcher(), &tiny, nullptr)), "0");
+}
+
 // A load balancer asks for health without credentials; metrics say who uploads how much, so
 // they need them. Either endpoint answers GET and HEAD only, never from a cache, and every
 // request is counted under a label from a fixed set, whatever path a client makes up.
