@@ -235,10 +235,11 @@ int serve(kestrin::host::Configuration arguments) {
               << (bracketed ? "[" : "") << host << (bracketed ? "]" : "") << ":" << server.port()
               << "/" << std::endl;
     say(host::LogLevel::info,
-        "storing uploads in " + fileService->getDirectory() + " (on conflict: " +
-            arguments.onConflict + "); memory " + mebibytes(options.maxMemory) + ", bodies up to " +
-            mebibytes(options.maxBody) + ", " + std::to_string(options.maxConnections) +
-            " connections (" + std::to_string(options.maxConnectionsPerClient) + " per client), " +
+        "storing uploads in " + fileService->getDirectory() + " as instance " +
+            fileService->instanceId() + " (on conflict: " + arguments.onConflict + "); memory " +
+            mebibytes(options.maxMemory) + ", bodies up to " + mebibytes(options.maxBody) + ", " +
+            std::to_string(options.maxConnections) + " connections (" +
+            std::to_string(options.maxConnectionsPerClient) + " per client), " +
             std::to_string(options.maxFiles) + " files a request" +
             (auth ? ", authentication on" : "") +
             (options.tlsCertificate.empty() ? "" : ", HTTPS") +
