@@ -380,6 +380,17 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "on SIGINT or SIGTERM, how long requests in flight may take before what is left is "
            "closed (default 30)",
            seconds(server.shutdownTimeout));
+    option("stop-delay", "SECS",
+           "on SIGINT or SIGTERM, keep serving this long with /healthz answering 503 before "
+           "closing the listener, so that a load balancer in front stops sending requests "
+           "first (default 0; a second signal stops at once)",
+           [&server](const std::string& value) {
+               const std::uint64_t number = parseSeconds(value);
+               if (number > 3600) {
+                   throw std::invalid_argument("expected at most 1 h");
+               }
+               server.stopDelay = std::chrono::seconds(number);
+           });
     CLI::Option* origins = app.add_option_function<std::vector<std::string>>(
         "--allow-origin",
         [&sources, &server](const std::vector<std::string>& values) {
