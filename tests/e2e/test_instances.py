@@ -222,9 +222,9 @@ class SeveralInstancesTest(unittest.TestCase):
         self.assertEqual(restarts, RESTARTS)
         self.assertEqual(corrupt, [])
         self.assertEqual(left, [], "temporary or owner files after every instance stopped")
-        # A refused connection goes to another instance; what reaches a stopping one is
-        # answered before it exits. What is left is the rare connection the stop cuts.
-        self.assertLessEqual(len(results.refused), UPLOADS // 100, results.refused)
+        # The balancer has marked an instance down before its listener closes (the stop delay),
+        # and a refused connection goes to another instance: nothing is lost to a restart.
+        self.assertEqual(results.refused, [])
         self.assertTrue(all(count > 0 for count in answered), answered)
 
     def test_a_stop_delay_keeps_serving_while_unhealthy_and_a_second_signal_ends_it(self):
