@@ -237,6 +237,9 @@ class KilledServerTest(ServerTestCase):
 
         type(self).server = Server(self.uploads)
         self.assertEqual(self.temp_files(), [])
+        # The killed server's owner file went with its temporary file: one owner is left.
+        self.assertEqual(len([name for name in os.listdir(self.uploads)
+                              if name.startswith(serverlib.OWNER_PREFIX)]), 1)
         self.assertTrue({name for name in os.listdir(self.uploads)
                          if not name.startswith(serverlib.OWNER_PREFIX)} <= {"large.bin"})
         with self.server.connect() as again:
