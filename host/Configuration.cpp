@@ -245,8 +245,8 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
         "kestrin-upload-server");
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.get_formatter()->column_width(34);
-    app.footer("SIGINT or SIGTERM stops accepting, lets requests in flight finish (up to\n"
-               "--shutdown-timeout) and exits with 0.");
+    app.footer("SIGINT or SIGTERM stops accepting (after --stop-delay), lets requests in flight\n"
+               "finish (up to --shutdown-timeout) and exits with 0.");
 
     // Each option converts and checks its own value; a failure names where the value came from.
     const auto option = [&](const std::string& name, const std::string& type,
