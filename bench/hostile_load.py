@@ -274,8 +274,9 @@ async def upload_large(server, name, size, source=GOOD_SOURCE):
 
 
 def stored_names(server):
+    """What the attacks stored: neither the good uploads nor the server's own owner file."""
     return [entry.name for entry in os.scandir(server.directory)
-            if not entry.name.startswith("good-")]
+            if not entry.name.startswith(("good-", serverlib.OWNER_PREFIX))]
 
 
 async def still_serving(ctx, row, server, extra=()):

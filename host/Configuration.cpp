@@ -245,8 +245,8 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
         "kestrin-upload-server");
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.get_formatter()->column_width(34);
-    app.footer("SIGINT or SIGTERM stops accepting, lets requests in flight finish (up to\n"
-               "--shutdown-timeout) and exits with 0.");
+    app.footer("SIGINT or SIGTERM stops accepting (after --stop-delay), lets requests in flight\n"
+               "finish (up to --shutdown-timeout) and exits with 0.");
 
     // Each option converts and checks its own value; a failure names where the value came from.
     const auto option = [&](const std::string& name, const std::string& type,
@@ -380,6 +380,17 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "on SIGINT or SIGTERM, how long requests in flight may take before what is left is "
            "closed (default 30)",
            seconds(server.shutdownTimeout));
+    option("stop-delay", "SECS",
+           "on SIGINT or SIGTERM, keep serving this long with /healthz answering 503 before "
+           "closing the listener, so that a load balancer in front stops sending requests "
+           "first (default 0; a second signal stops at once)",
+           [&server](const std::string& value) {
+               const std::uint64_t number = parseSeconds(value);
+               if (number > 3600) {
+                   throw std::invalid_argument("expected at most 1 h");
+               }
+               server.stopDelay = std::chrono::seconds(number);
+           });
     CLI::Option* origins = app.add_option_function<std::vector<std::string>>(
         "--allow-origin",
         [&sources, &server](const std::vector<std::string>& values) {

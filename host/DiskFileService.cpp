@@ -1,13 +1,13 @@
 #include "host/DiskFileService.h"
 
 #include "framework/Ost.h"
+#include "host/Leftovers.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <exception>
 #include <fcntl.h>
 #include <memory>
@@ -19,6 +19,8 @@
 #include <utility>
 
 namespace kestrin::host {
+
+static_assert(DiskFileService::tempPrefix == leftovers::tempPrefix);
 
 // What the writers of one scope's files and the scope's owner share.
 struct DiskFileService::ScopeState {
@@ -208,7 +210,8 @@ DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned wr
         throw std::runtime_error("Cannot use upload directory " + directory +
                                  ": its name is not UTF-8");
     }
-    removeLeftovers();
+    owner = std::make_unique<InstanceOwner>(directory);
+    owner->removeLeftovers();
     writerCount = std::max(1u, writerCount);
     writers.reserve(writerCount);
     try {
@@ -350,7 +353,7 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
     const std::string& name = job.name;
     const file_common::v1::File& file = job.file;
     std::string storedName;
-    std::string temp = directory + "/" + std::string(tempPrefix) + "XXXXXX";
+    std::string temp = owner->temporaryTemplate();
 
     FileDescriptor out(::mkstemp(temp.data()));
     if (out.get() < 0) {
@@ -473,21 +476,6 @@ int DiskFileService::syncDirectoryEntries() const {
     }
     // errno is read before the descriptor is closed, which may change it.
     return syncDirectory(dir.get()) == 0 ? 0 : errno;
-}
-
-void DiskFileService::removeLeftovers() const {
-    const auto closeListing = [](DIR* listing) { ::closedir(listing); };
-    std::unique_ptr<DIR, decltype(closeListing)> listing(::opendir(directory.c_str()),
-                                                         closeListing);
-    if (!listing) {
-        throw systemError("Cannot read upload directory " + directory);
-    }
-    while (const dirent* entry = ::readdir(listing.get())) {
-        const std::string_view name(entry->d_name);
-        if (name.compare(0, tempPrefix.size(), tempPrefix) == 0) {
-            ::unlinkat(::dirfd(listing.get()), entry->d_name, 0);
-        }
-    }
 }
 
 DiskFileService::RequestScope::RequestScope(DiskFileService& service, std::size_t maxFiles)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "framework/FileService.h"
+#include "host/InstanceOwner.h"
 
 #include <condition_variable>
 #include <cstddef>
@@ -58,9 +59,10 @@ public:
 
     class RequestScope;
 
-    // Removes temporary files a previous run left behind, then starts writerCount writer
-    // threads (at least one). Throws std::runtime_error when the directory cannot be resolved
-    // or read, or its name is not UTF-8 (no upload could name a file in it then).
+    // Claims the directory for this instance (an InstanceOwner), removes the temporary files
+    // that instances now gone left behind, then starts writerCount writer threads (at least
+    // one). Throws std::runtime_error when the directory cannot be resolved, read or claimed,
+    // or its name is not UTF-8 (no upload could name a file in it then).
     explicit DiskFileService(const std::string& uploadDirectory, unsigned writerCount = 1,
                              DirectorySync syncDirectory = {},
                              ConflictPolicy onConflict = ConflictPolicy::replace,
@@ -83,6 +85,9 @@ public:
     // The resolved, absolute upload directory.
     const std::string& getDirectory() const noexcept { return directory; }
 
+    // This instance's id in the names of its owner file and temporary files.
+    const std::string& instanceId() const noexcept { return owner->id(); }
+
 private:
     struct ScopeState;
     struct Job {
@@ -100,13 +105,13 @@ private:
     int moveWithoutReplacing(const std::string& temp, const std::string& target) const;
     std::string targetName(const std::u16string& path) const;
     int syncDirectoryEntries() const; // 0, or the errno of the failure
-    void removeLeftovers() const;
 
     std::string directory;
     std::u16string directoryPrefix; // "<directory>/" in UTF-16, as paths arrive
     DirectorySync syncDirectory;
     ConflictPolicy conflictPolicy;
     MoveFile moveFile;
+    std::unique_ptr<InstanceOwner> owner; // released after the writers have stopped
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<Job> queue;

@@ -202,7 +202,8 @@ struct Shared {
         , services(std::max(1u, serverOptions.serviceThreads))
         , control(net::make_strand(context))
         , drainTimer(control)
-        , reportTimer(control) {
+        , reportTimer(control)
+        , stopDelayTimer(control) {
         // Kept bodies are a cache: they give way to a request that needs their memory.
         budget.setReclaimer([this](std::uint64_t needed) { bodies.reclaim(needed); });
         if (!serverOptions.tlsCertificate.empty()) {
@@ -213,7 +214,14 @@ struct Shared {
     // Health is the caller's to judge; metrics are the server's own and what it holds now.
     StatusEndpoints endpoints() {
         StatusEndpoints served;
-        served.healthProblem = parts.healthProblem;
+        if (parts.healthProblem) {
+            served.healthProblem = [this]() -> std::optional<std::string> {
+                if (draining.load()) {
+                    return "the server is stopping";
+                }
+                return parts.healthProblem();
+            };
+        }
         served.metrics = [this] {
             return metrics.scrape(Metrics::Snapshot{budget.used(), budget.limit(), table.size(),
                                                     options.maxConnections});
@@ -268,6 +276,8 @@ struct Shared {
     net::strand<net::io_context::executor_type> control;
     net::steady_timer drainTimer;
     net::steady_timer reportTimer;
+    net::steady_timer stopDelayTimer;
+    std::atomic<bool> draining{false}; // a stop is coming: still serving, but not healthy
     std::atomic<bool> stopping{false};
     std::atomic<int> inService{0};
     std::atomic<bool> trimDue{false};
@@ -846,7 +856,9 @@ private:
         if (reply.close) {
             requestRead = false;
         }
-        const bool close = !keepAlive || !requestRead || closeAfterReply || shared->stopping.load();
+        // While the stop is coming, clients are sent to reconnect, maybe elsewhere.
+        const bool close = !keepAlive || !requestRead || closeAfterReply ||
+                           shared->stopping.load() || shared->draining.load();
         auto response = std::make_shared<http::response<DataBufferBody>>();
         response->version(version);
         response->result(reply.status);
@@ -1291,9 +1303,45 @@ struct Server::State {
         return found.begin()->endpoint();
     }
 
+    // Signals are waited for one at a time: the first begins the stop, after the stop delay if
+    // there is one; a second one during the delay stops at once.
+    void awaitSignal() {
+        signals.async_wait([this](beast::error_code ec, int) {
+            if (!ec) {
+                net::dispatch(shared->control, [this] { onSignal(); });
+            }
+        });
+    }
+
+    // On the control strand.
+    void onSignal() {
+        if (shared->stopping.load()) {
+            return;
+        }
+        const std::chrono::seconds delay = shared->options.stopDelay;
+        if (delay.count() == 0 || shared->draining.load()) {
+            shared->stopDelayTimer.cancel();
+            beginStop();
+            return;
+        }
+        shared->draining.store(true);
+        writeEvent(shared->events.log, LogLevel::info,
+                   "stopping in " + std::to_string(delay.count()) +
+                       " s; /healthz answers 503 until then");
+        shared->stopDelayTimer.expires_after(delay);
+        shared->stopDelayTimer.async_wait([this](beast::error_code ec) {
+            if (!ec && !shared->stopping.load()) {
+                beginStop();
+            }
+        });
+        awaitSignal();
+    }
+
     // On the control strand.
     void beginStop() {
         shared->stopping.store(true);
+        // A wait for a further signal would keep the threads running.
+        signals.cancel();
         listener->stop();
         shared->reportTimer.cancel();
         // Requests in flight get until the shutdown timeout; then what is left is closed. The
@@ -1382,12 +1430,7 @@ unsigned short Server::port() const {
 }
 
 void Server::run() {
-    // Signals wait only once: after the first, the server is already on its way out.
-    state->signals.async_wait([this](beast::error_code ec, int) {
-        if (!ec) {
-            net::dispatch(state->shared->control, [this] { state->beginStop(); });
-        }
-    });
+    state->awaitSignal();
     state->listener->run();
     net::dispatch(state->shared->control, [this] { state->report(Clock::now()); });
 

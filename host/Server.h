@@ -37,6 +37,10 @@ struct ServerOptions {
     std::chrono::seconds headerTimeout{10};
     std::uint64_t minBodyRate = 1024; // bytes per second, after headerTimeout of grace
     std::chrono::seconds shutdownTimeout{30};
+    // On SIGINT or SIGTERM, how long to keep serving, /healthz answering 503, before the
+    // listener closes: a load balancer in front then stops sending requests, rather than
+    // have them cut off by the close. A second signal stops at once.
+    std::chrono::seconds stopDelay{0};
     std::size_t maxFiles = 1000; // files one request may store
     std::vector<std::string> allowedOrigins;
     // Request-body storage kept for later requests once its request is done, in bytes: a

@@ -226,25 +226,32 @@ int serve(kestrin::host::Configuration arguments) {
     auto dispatcher = std::make_shared<host::RequestDispatcher>(routeTable);
     dispatcher->addService(address, provider);
 
-    host::Server server(options,
-                        host::ServerParts{dispatcher, fileService, uploadService, auth,
-                                          [provider] { return storageProblem(*provider); }});
-    const std::string host = options.address.empty() ? "0.0.0.0" : options.address;
-    const bool bracketed = host.find(':') != std::string::npos;
-    std::cout << "listening on " << (options.tlsCertificate.empty() ? "http" : "https") << "://"
-              << (bracketed ? "[" : "") << host << (bracketed ? "]" : "") << ":" << server.port()
-              << "/" << std::endl;
-    say(host::LogLevel::info,
-        "storing uploads in " + fileService->getDirectory() + " (on conflict: " +
-            arguments.onConflict + "); memory " + mebibytes(options.maxMemory) + ", bodies up to " +
-            mebibytes(options.maxBody) + ", " + std::to_string(options.maxConnections) +
-            " connections (" + std::to_string(options.maxConnectionsPerClient) + " per client), " +
-            std::to_string(options.maxFiles) + " files a request" +
-            (auth ? ", authentication on" : "") +
-            (options.tlsCertificate.empty() ? "" : ", HTTPS") +
-            (arguments.configFile.empty() ? "" : "; settings from " + arguments.configFile));
+    {
+        host::Server server(options,
+                            host::ServerParts{dispatcher, fileService, uploadService, auth,
+                                              [provider] { return storageProblem(*provider); }});
+        const std::string host = options.address.empty() ? "0.0.0.0" : options.address;
+        const bool bracketed = host.find(':') != std::string::npos;
+        std::cout << "listening on " << (options.tlsCertificate.empty() ? "http" : "https") << "://"
+                  << (bracketed ? "[" : "") << host << (bracketed ? "]" : "") << ":"
+                  << server.port() << "/" << std::endl;
+        say(host::LogLevel::info,
+            "storing uploads in " + fileService->getDirectory() + " as instance " +
+                fileService->instanceId() + " (on conflict: " + arguments.onConflict +
+                "); memory " + mebibytes(options.maxMemory) + ", bodies up to " +
+                mebibytes(options.maxBody) + ", " + std::to_string(options.maxConnections) +
+                " connections (" + std::to_string(options.maxConnectionsPerClient) +
+                " per client), " + std::to_string(options.maxFiles) + " files a request" +
+                (auth ? ", authentication on" : "") +
+                (options.tlsCertificate.empty() ? "" : ", HTTPS") +
+                (arguments.configFile.empty() ? "" : "; settings from " + arguments.configFile));
 
-    server.run();
+        server.run();
+    }
+    // The server has stopped and put the default actions back: a further signal must not end
+    // the process before it has let go of the directory.
+    std::signal(SIGINT, SIG_IGN);
+    std::signal(SIGTERM, SIG_IGN);
 
     // Requests in flight are answered; now take the routes away and stop the service.
     routeProvider.reset();

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Installs every Debian package the build and the server need; with --tests, also what the
-# tests need (sanitizers, a browser and its npm driver, curl). Run as root on Debian 12. Quick
+# Installs every Debian package the build, the server and its Debian package need; with --tests,
+# also what the tests need (sanitizers, a browser and its npm driver, curl, HAProxy for several
+# instances, systemd's unit checker). Run as root on Debian 12. Quick
 # when everything is already there: apt-get runs only for what is missing.
 set -euo pipefail
 
 packages=(
-    cmake ninja-build g++ pkg-config
+    cmake ninja-build g++ pkg-config dpkg-dev
     libboost-dev libcrypt-dev libssl-dev libcli11-dev prometheus-cpp-dev
 )
 tests=0
@@ -16,6 +17,7 @@ if [[ "${1:-}" == "--tests" ]]; then
         clang libclang-rt-14-dev
         curl openssl python3 procps time
         chromium nodejs npm
+        haproxy systemd
     )
 fi
 

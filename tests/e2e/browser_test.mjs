@@ -51,6 +51,11 @@ function startServer(children, directory, flags = [], listen = '127.0.0.1:0') {
   });
 }
 
+// The files in an upload directory, sorted, without the running server's owner file.
+function storedNames(directory) {
+  return readdirSync(directory).filter((name) => !name.startsWith('.kestrin-upload-owner-')).sort();
+}
+
 // Resolves to the log line of the first POST to `target`. The server writes it before it
 // answers, so it is there, or on its way through the pipe, once the browser has the answer.
 function logLine(server, target) {
@@ -251,7 +256,7 @@ async function main() {
     assert.equal((await outcomeOf(page, 'keyboard.txt')).state, 'stored');
     assert.equal(await page.textContent('#announce'), 'keyboard.txt: Stored.');
     for (const cancelled of ['cancelled.bin', ...rest, '.kestrin-upload-']) {
-      assert.ok(!readdirSync(uploads).some((name) => name.startsWith(cancelled)), cancelled);
+      assert.ok(!storedNames(uploads).some((name) => name.startsWith(cancelled)), cancelled);
     }
 
     // On a phone: nothing scrolls sideways, every control is a finger wide.
@@ -269,9 +274,9 @@ async function main() {
                              [{ name: 'victim.txt', mimeType: 'text/plain', buffer: Buffer.from(victim) }]);
     await page.click('#submit');
     assert.equal((await outcomeOf(page, '#formResult')).original, 'SUCCESS');
-    const storedNames = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
-                         'two.bin', 'victim.txt', longName].sort();
-    assert.deepEqual(readdirSync(uploads).sort(), storedNames);
+    const stored = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
+                    'two.bin', 'victim.txt', longName].sort();
+    assert.deepEqual(storedNames(uploads), stored);
 
     // A page of another site posts its own victim.txt with a form on load, then no-cors.txt and
     // cors.txt with fetch. The server's log proves each request really left the browser (so
@@ -318,7 +323,7 @@ async function main() {
     });
     // The refusal is plain text, not a result page: the other site hears nothing.
     verify('messages to the page of another site', () => assert.deepEqual(messages, []));
-    verify('upload directory', () => assert.deepEqual(readdirSync(uploads).sort(), storedNames));
+    verify('upload directory', () => assert.deepEqual(storedNames(uploads), stored));
     if (failures.length > 0) {
       throw new Error(`uploads from another site were not refused:\n${failures.join('\n')}`);
     }
@@ -330,7 +335,7 @@ async function main() {
     await attacker.goto(site.attack(`${listing.url}users`, 'victim.txt'));
     assert.match(await logLine(listing, '/users?attack=form'),
       / 200 in=\d+ ms=[\d.]+ files="victim\.txt":\d+$/);
-    assert.deepEqual(readdirSync(listed), ['victim.txt']);
+    assert.deepEqual(storedNames(listed), ['victim.txt']);
     assert.equal(readFileSync(join(listed, 'victim.txt'), 'utf8'), plantedContent);
     await attacker.waitForFunction(() => window.messages.length > 0, null, { timeout: 20000 });
     assert.deepEqual(await attacker.evaluate(() => window.messages), ['SUCCESS']);

@@ -17,6 +17,12 @@ import unittest
 
 SERVER = os.environ.get("KESTRIN_SERVER", "")
 TEMP_PREFIX = ".kestrin-upload-"
+# A running server holds its owner file beside its temporary files, and removes it when it stops.
+OWNER_PREFIX = TEMP_PREFIX + "owner-"
+
+
+def is_temporary(name):
+    return name.startswith(TEMP_PREFIX) and not name.startswith(OWNER_PREFIX)
 
 PAGE_PREFIX = b'<html>\n<head>\n<script>\nparent.postMessage("'
 PAGE_SUFFIX = b'", "*");\n</script>\n</head>\n<body>\n</body>\n</html>\n'
@@ -244,4 +250,4 @@ class ServerTestCase(unittest.TestCase):
         self.assertTrue(set(os.listdir(self.root)) <= {"files", "response", "uploads"},
                         os.listdir(self.root))
         for name in os.listdir(self.uploads):
-            self.assertFalse(name.startswith(TEMP_PREFIX), name)
+            self.assertFalse(is_temporary(name), name)

@@ -212,7 +212,7 @@ class KilledServerTest(ServerTestCase):
     (which the class's teardown stops and checks)."""
 
     def temp_files(self):
-        return [name for name in os.listdir(self.uploads) if name.startswith(TEMP_PREFIX)]
+        return [name for name in os.listdir(self.uploads) if serverlib.is_temporary(name)]
 
     def test_a_kill_mid_write_leaves_no_file_and_the_restart_removes_the_temporary_one(self):
         content = os.urandom(MIB) * 200
@@ -226,7 +226,8 @@ class KilledServerTest(ServerTestCase):
         self.server.process.send_signal(signal.SIGKILL)
         self.server.process.wait(20)
         self.server.close()
-        visible = set(os.listdir(self.uploads))
+        visible = {name for name in os.listdir(self.uploads)
+                   if not name.startswith(serverlib.OWNER_PREFIX)}
         sys.stderr.write("hostile: SIGKILL during a 200 MiB upload -> left %s\n" % {
             name: os.path.getsize(os.path.join(self.uploads, name)) for name in visible})
         # Either the temporary file only, or the kill came after the rename: then it is whole.
@@ -236,7 +237,11 @@ class KilledServerTest(ServerTestCase):
 
         type(self).server = Server(self.uploads)
         self.assertEqual(self.temp_files(), [])
-        self.assertTrue(set(os.listdir(self.uploads)) <= {"large.bin"})
+        # The killed server's owner file went with its temporary file: one owner is left.
+        self.assertEqual(len([name for name in os.listdir(self.uploads)
+                              if name.startswith(serverlib.OWNER_PREFIX)]), 1)
+        self.assertTrue({name for name in os.listdir(self.uploads)
+                         if not name.startswith(serverlib.OWNER_PREFIX)} <= {"large.bin"})
         with self.server.connect() as again:
             again.sendall(request_head(b"/users", b"kill", len(body)) + body)
             self.assertEqual(read_response(again), (200, SUCCESS_PAGE))

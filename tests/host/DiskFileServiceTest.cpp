@@ -13,9 +13,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -170,11 +172,44 @@ TEST_F(DiskFileServiceTest, refusesEveryPathThatIsNotADirectChildOrNameThatIsUns
     EXPECT_EQ(names(uploads), longest);
 }
 
-TEST_F(DiskFileServiceTest, startRemovesOnlyLeftoverTempFilesAndFailsForAMissingDirectory) {
-    std::ofstream(uploads / ".kestrin-upload-Ab12Cd") << "half written";
+// Instances sharing one directory: a start removes the temporary files of instances that are
+// gone (owner file unlocked or missing) and old ones without an owner, and leaves alone those of
+// a live instance, even one in this same process.
+TEST_F(DiskFileServiceTest, startRemovesOnlyTheTemporaryFilesOfInstancesThatAreGone) {
+    const auto everything = [this] {
+        std::set<std::string> found;
+        for (const auto& entry : std::filesystem::directory_iterator(uploads)) {
+            found.insert(entry.path().filename().string());
+        }
+        return found;
+    };
+    auto live = std::make_unique<DiskFileService>(uploads.string());
+    const std::string liveOwner = ".kestrin-upload-owner-" + live->instanceId();
+    const std::string liveTemp = ".kestrin-upload-" + live->instanceId() + "-Wr1t1n";
+    std::ofstream(uploads / liveTemp) << "being written";
+    // A crashed instance: its owner file is there, and nobody holds its lock.
+    std::ofstream(uploads / ".kestrin-upload-owner-0123456789abcdef") << "pid 1";
+    std::ofstream(uploads / ".kestrin-upload-0123456789abcdef-Ab12Cd") << "half";
+    std::ofstream(uploads / ".kestrin-upload-fedcba9876543210-Ab12Cd") << "owner file gone";
+    std::ofstream(uploads / ".kestrin-upload-Old123") << "an older version's";
+    std::filesystem::last_write_time(uploads / ".kestrin-upload-Old123",
+                                     std::filesystem::file_time_type::clock::now() -
+                                         std::chrono::hours(2));
+    std::ofstream(uploads / ".kestrin-upload-New123") << "maybe still written";
     std::ofstream(uploads / "keep.txt") << "stored earlier";
-    DiskFileService service(uploads.string());
-    EXPECT_EQ(names(uploads), std::set<std::string>{"keep.txt"});
+
+    std::set<std::string> kept = {liveOwner, liveTemp, ".kestrin-upload-New123", "keep.txt"};
+    {
+        DiskFileService starting(uploads.string());
+        std::set<std::string> withStarting = kept;
+        withStarting.insert(".kestrin-upload-owner-" + starting.instanceId());
+        EXPECT_EQ(everything(), withStarting);
+    }
+    EXPECT_EQ(everything(), kept) << "a stopped instance removes its owner file";
+
+    live.reset();
+    DiskFileService after(uploads.string());
+    EXPECT_EQ(names(uploads), (std::set<std::string>{".kestrin-upload-New123", "keep.txt"}));
     EXPECT_THROW(DiskFileService((root / "missing").string()), std::runtime_error);
 }
 

@@ -29,10 +29,14 @@ protected:
         std::ifstream file(path, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(file), {});
     }
+    // The entries of a directory, but for the owner file a running file service holds there.
     static std::set<std::string> names(const std::filesystem::path& directory) {
         std::set<std::string> found;
         for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-            found.insert(entry.path().filename().string());
+            const std::string name = entry.path().filename().string();
+            if (name.rfind(".kestrin-upload-owner-", 0) != 0) {
+                found.insert(name);
+            }
         }
         return found;
     }
