@@ -274,9 +274,9 @@ async function main() {
                              [{ name: 'victim.txt', mimeType: 'text/plain', buffer: Buffer.from(victim) }]);
     await page.click('#submit');
     assert.equal((await outcomeOf(page, '#formResult')).original, 'SUCCESS');
-    const stored = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
-                    'two.bin', 'victim.txt', longName].sort();
-    assert.deepEqual(storedNames(uploads), stored);
+    const kept = ['big.bin', 'first.txt', 'five.bin', 'keyboard.txt', 'one.bin', 'second.bin',
+                  'two.bin', 'victim.txt', longName].sort();
+    assert.deepEqual(storedNames(uploads), kept);
 
     // A page of another site posts its own victim.txt with a form on load, then no-cors.txt and
     // cors.txt with fetch. The server's log proves each request really left the browser (so
@@ -323,7 +323,7 @@ async function main() {
     });
     // The refusal is plain text, not a result page: the other site hears nothing.
     verify('messages to the page of another site', () => assert.deepEqual(messages, []));
-    verify('upload directory', () => assert.deepEqual(storedNames(uploads), stored));
+    verify('upload directory', () => assert.deepEqual(storedNames(uploads), kept));
     if (failures.length > 0) {
       throw new Error(`uploads from another site were not refused:\n${failures.join('\n')}`);
     }
