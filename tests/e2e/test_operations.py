@@ -164,8 +164,9 @@ class ConfigurationTest(OperationsTestCase):
             ipv6 = True
         except OSError:
             ipv6 = False
+        # Loopback forms only: a test server never listens beyond this machine.
         for listen, printed in (("127.0.0.1:0", "127.0.0.1"), ("localhost:0", "localhost"),
-                                ("[::1]:0", "[::1]"), (":0", "0.0.0.0")):
+                                ("[::1]:0", "[::1]")):
             with self.subTest(listen=listen):
                 if printed == "[::1]" and not ipv6:
                     self.skipTest("no IPv6 loopback")
