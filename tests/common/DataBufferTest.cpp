@@ -1,17 +1,16 @@
 #include "common/DataBuffer.h"
 
+#include "tests/common/support/BytesOf.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
 
 using kestrin::common::DataBuffer;
+using kestrin::testing::bytesOf;
 
 namespace {
-
-std::string text(const DataBuffer& buffer) {
-    return std::string(reinterpret_cast<const char*>(buffer.bytes()), buffer.getSize());
-}
 
 void expectStorage(const DataBuffer& buffer, size_t capacity, size_t size) {
     EXPECT_EQ(buffer.getCapacity(), capacity);
@@ -43,7 +42,7 @@ TEST(DataBuffer, capacityFollowsTheGrowthRules) {
         uint8_t* first = buffer.getData();
         EXPECT_EQ(buffer.getData(), first) << "enough storage is not grown again";
         expectStorage(buffer, c.capacity, std::string(c.text).size());
-        EXPECT_EQ(text(buffer), c.text);
+        EXPECT_EQ(bytesOf(buffer), c.text);
     }
 
     DataBuffer pushed;
@@ -52,7 +51,7 @@ TEST(DataBuffer, capacityFollowsTheGrowthRules) {
         pushed.pushBack(static_cast<uint8_t>('a' + i));
         EXPECT_EQ(pushed.getCapacity(), expected[i]) << "after push " << i + 1;
     }
-    EXPECT_EQ(text(pushed), "abcdefghi");
+    EXPECT_EQ(bytesOf(pushed), "abcdefghi");
 
     // Growth doubles, with the request as its floor; resize within the capacity keeps it.
     for (size_t added : {10, 40}) {
@@ -78,7 +77,7 @@ TEST(DataBuffer, copiesAreTightAndMovesLeaveAnEmptyReusableBuffer) {
     source.append(bytes);
     DataBuffer copy(source);
     expectStorage(copy, 4, 4);
-    EXPECT_EQ(text(copy), bytes);
+    EXPECT_EQ(bytesOf(copy), bytes);
     EXPECT_NE(copy.bytes(), source.bytes());
 
     const uint8_t* block = source.bytes();
@@ -87,7 +86,7 @@ TEST(DataBuffer, copiesAreTightAndMovesLeaveAnEmptyReusableBuffer) {
     EXPECT_EQ(moved.getCapacity(), 64u);
     expectStorage(source, 0, 0);
     source.append(std::string("again"));
-    EXPECT_EQ(text(source), "again");
+    EXPECT_EQ(bytesOf(source), "again");
 }
 
 TEST(DataBuffer, failedAllocationThrowsAndLeavesTheBufferIntact) {
@@ -103,10 +102,10 @@ TEST(DataBuffer, failedAllocationThrowsAndLeavesTheBufferIntact) {
     }
     EXPECT_EQ(buffer.bytes(), block);
     EXPECT_EQ(buffer.getCapacity(), 7u);
-    EXPECT_EQ(text(buffer), "keep me");
+    EXPECT_EQ(bytesOf(buffer), "keep me");
 
     EXPECT_THROW(buffer.resize(tooMuch / 2 + 1), std::runtime_error);
-    EXPECT_EQ(text(buffer), "keep me");
+    EXPECT_EQ(bytesOf(buffer), "keep me");
 
     DataBuffer empty;
     EXPECT_THROW(empty.reserve(tooMuch), std::runtime_error);

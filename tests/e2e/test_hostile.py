@@ -78,7 +78,6 @@ class HostileInputTest(ServerTestCase):
         cases = [
             # (input, filename bytes or None for a bare empty one, status, message)
             ("../ in the name", b"../escape.txt", 400, refused % "../escape.txt"),
-            ("../ deeper", b"a/../../escape.txt", 400, refused % "a/../../escape.txt"),
             ("absolute path", outside, 400, refused % outside.decode()),
             ("NUL byte", b"nul\0.txt", 400, "Refused file name: it contains a NUL byte"),
             ("empty name", b"", 400, "Refused file name: it is empty"),
@@ -90,13 +89,10 @@ class HostileInputTest(ServerTestCase):
             ("invalid UTF-8", b"\xff\xfe.txt", 400, "Invalid UTF-8 in text"),
             # A backslash is no separator here: the file keeps its odd name, inside.
             ("backslashes", b"..\\..\\windows.txt", 200, "SUCCESS"),
-            # Error texts carrying what a script string must escape.
-            ("</script> in an error text", b"</script><script>alert(1)</script>", 400,
-             refused % "</script><script>alert(1)</script>"),
-            ("backslash in an error text", b"back\\slash/x", 400, refused % "back\\slash/x"),
-            ("U+2028 in an error text", "para\u2028sep/x".encode(), 400,
-             refused % "para\u2028sep/x"),
-            ("U+2029 in an error text", "\u2029sep/x".encode(), 400, refused % "\u2029sep/x"),
+            # An error text carrying all that a script string must escape.
+            ("</script>, backslash, U+2028, U+2029 in an error text",
+             "</script><script>back\\slash\u2028\u2029/x".encode(), 400,
+             refused % "</script><script>back\\slash\u2028\u2029/x"),
             # A name with control bytes is never quoted, whatever else is wrong with it.
             ("control bytes in the name", "tab\there\x01/x".encode(), 400,
              "Refused file name: it contains a control character"),

@@ -1,5 +1,7 @@
 #include "host/DataBufferBody.h"
 
+#include "tests/common/support/BytesOf.h"
+
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/write.hpp>
 #include <gtest/gtest.h>
@@ -20,19 +22,13 @@ namespace {
 namespace beast = boost::beast;
 namespace http = beast::http;
 namespace net = boost::asio;
+using testing::bytesOf;
 
 using Parser = http::request_parser<DataBufferBody>;
 
 // A string of every byte of a literal, NUL bytes included.
 template <std::size_t n> std::string bytes(const char (&text)[n]) {
     return std::string(text, n - 1);
-}
-
-std::string bytesOf(const common::DataBuffer& buffer) {
-    if (buffer.getSize() == 0) {
-        return {};
-    }
-    return std::string(reinterpret_cast<const char*>(buffer.bytes()), buffer.getSize());
 }
 
 // Feeds text to the parser the way a socket would: what the parser leaves unconsumed is

@@ -16,41 +16,20 @@
 namespace kestrin::host {
 namespace {
 
-using file_upload::v1::MultipartUploadService;
 using file_upload::v1::MultipartUploadServiceImpl;
 
 constexpr std::size_t limit = 32;
 
 // The module's own scans, with the length of every header block it parses written down.
-class RecordingScanner final : public MultipartUploadService {
+class RecordingScanner final : public MultipartUploadServiceImpl {
 public:
     void parseHeaders(common::DataBuffer& body, std::map<std::string, std::string>& headers,
                       size_t offset, size_t length) override {
         parsed.push_back(length);
-        inner.parseHeaders(body, headers, offset, length);
+        MultipartUploadServiceImpl::parseHeaders(body, headers, offset, length);
     }
-    void writeFileToDisk(std::shared_ptr<file::v1::FileService> files, common::DataBuffer& data,
-                         std::u16string path) override {
-        inner.writeFileToDisk(std::move(files), data, std::move(path));
-    }
-    std::tuple<size_t, size_t, bool> findBoundaryMarkerIndex(size_t start, common::DataBuffer& body,
-                                                             common::DataBuffer marker) override {
-        return inner.findBoundaryMarkerIndex(start, body, std::move(marker));
-    }
-    std::tuple<size_t, bool> findHeaderFieldsIndex(size_t start, common::DataBuffer& body,
-                                                   common::DataBuffer terminator) override {
-        return inner.findHeaderFieldsIndex(start, body, std::move(terminator));
-    }
-    void extractDataFromRequest(size_t start, size_t end, common::DataBuffer& request,
-                                common::DataBuffer& data) override {
-        inner.extractDataFromRequest(start, end, request, data);
-    }
-    std::shared_ptr<MultipartUploadService> getPtr() override { return nullptr; }
 
     std::vector<std::size_t> parsed;
-
-private:
-    MultipartUploadServiceImpl inner;
 };
 
 class NoFiles final : public file::v1::FileService {

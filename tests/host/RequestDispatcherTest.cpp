@@ -4,6 +4,7 @@
 #include "framework/ServiceMessage.h"
 #include "reactive_streams/OneShotPublisher.h"
 #include "reactive_streams/Subscriber.h"
+#include "tests/common/support/BytesOf.h"
 
 #include <gtest/gtest.h>
 
@@ -53,9 +54,7 @@ std::string readStream(http::HttpRequest::Body& stream) {
         void onSubscribe(std::weak_ptr<reactive_streams::Subscription> subscription) override {
             subscription.lock()->request(1);
         }
-        void onNext(common::DataBuffer& item) override {
-            text.assign(reinterpret_cast<const char*>(item.bytes()), item.getSize());
-        }
+        void onNext(common::DataBuffer& item) override { text = testing::bytesOf(item); }
         void onError(std::exception_ptr) override {}
         void onComplete() override {}
         Future<bool> getStatus() override { return makeReadyFuture(true); }
@@ -134,9 +133,7 @@ TEST(RequestDispatcher, sendsAStreamedPageAndTurnsFailuresIntoHostErrors) {
         const Reply reply = RequestDispatcher::callService(
             *provider, Address("upload"), std::string("b"), common::DataBuffer("body"));
         EXPECT_EQ(reply.status, c.status);
-        EXPECT_EQ(
-            std::string(reinterpret_cast<const char*>(reply.body.bytes()), reply.body.getSize()),
-            c.body);
+        EXPECT_EQ(testing::bytesOf(reply.body), c.body);
         EXPECT_EQ(reply.contentType.rfind(c.status == 400 ? "text/html" : "text/plain", 0), 0u);
     }
 }

@@ -2,6 +2,7 @@
 #include "file_upload/MultipartUploadServiceProvider.h"
 #include "host/DiskFileService.h"
 #include "host/RequestDispatcher.h"
+#include "tests/common/support/BytesOf.h"
 #include "tests/host/support/UploadDirectoryTest.h"
 
 #include <gtest/gtest.h>
@@ -143,10 +144,9 @@ TEST_F(UploadFaultTest, aFailedWriteKeepsEarlierFilesWholeLeavesNoPartOfItAndNam
         scope.finish();
 
         EXPECT_EQ(reply.status, 400u);
-        const std::string page(reinterpret_cast<const char*>(reply.body.bytes()),
-                               reply.body.getSize());
-        EXPECT_EQ(page, "<html>\n<head>\n<script>\nparent.postMessage(\"" + c.message +
-                            "\", \"*\");\n</script>\n</head>\n<body>\n</body>\n</html>\n");
+        EXPECT_EQ(testing::bytesOf(reply.body),
+                  "<html>\n<head>\n<script>\nparent.postMessage(\"" + c.message +
+                      "\", \"*\");\n</script>\n</head>\n<body>\n</body>\n</html>\n");
         std::set<std::string> expected;
         for (size_t i = 0; i + 1 < c.failingWrite; ++i) {
             expected.insert(parts[i].name);

@@ -1,6 +1,7 @@
 #include "reactive_streams/OneShotPublisher.h"
 
 #include "common/DataBuffer.h"
+#include "tests/common/support/BytesOf.h"
 
 #include <gtest/gtest.h>
 
@@ -20,12 +21,6 @@ namespace {
 
 using Events = std::vector<std::string>;
 
-std::string textOf(const DataBuffer& buffer) {
-    return buffer.getSize() == 0
-               ? std::string()
-               : std::string(reinterpret_cast<const char*>(buffer.bytes()), buffer.getSize());
-}
-
 // Logs every signal; each hook lets a test act from inside a signal.
 class RecordingSubscriber : public SubscriberAPI<DataBuffer> {
 public:
@@ -44,7 +39,7 @@ public:
     }
     kestrin::Future<bool> getStatus() override { return kestrin::makeReadyFuture(true); }
     void onNext(DataBuffer& item) override {
-        events.push_back("next:" + textOf(item));
+        events.push_back("next:" + kestrin::testing::bytesOf(item));
         if (whenNext) {
             whenNext(*subscription.lock());
         }

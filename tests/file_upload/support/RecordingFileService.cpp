@@ -71,11 +71,4 @@ void RecordingFileService::run() {
     }
 }
 
-std::string bytesOf(const common::DataBuffer& buffer) {
-    if (buffer.getSize() == 0) {
-        return {};
-    }
-    return std::string(reinterpret_cast<const char*>(buffer.bytes()), buffer.getSize());
-}
-
 } // namespace kestrin::testing

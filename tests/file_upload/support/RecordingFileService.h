@@ -1,6 +1,7 @@
 #pragma once
 
 #include "framework/FileService.h"
+#include "tests/common/support/BytesOf.h"
 
 #include <condition_variable>
 #include <cstddef>
@@ -56,8 +57,5 @@ private:
     bool stopping = false;
     std::thread worker;
 };
-
-// Reads a DataBuffer's bytes as a string without allocating storage in it.
-std::string bytesOf(const common::DataBuffer& buffer);
 
 } // namespace kestrin::testing
