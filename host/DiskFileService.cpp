@@ -10,8 +10,10 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string_view>
 #include <sys/stat.h>
@@ -169,8 +171,10 @@ void writeAll(int fd, const uint8_t* bytes, size_t count) {
 // virtual machines the first touch of a page costs more than the copy into it), and the disk
 // works while later windows are copied. Nothing here makes the bytes durable: the caller
 // still fsyncs. A stored file is not left in the page cache.
+constexpr size_t writeWindow = size_t{8} << 20;
+
 void writeThrough(int fd, const uint8_t* bytes, size_t count) {
-    constexpr size_t window = size_t{8} << 20;
+    constexpr size_t window = writeWindow;
     constexpr size_t inFlight = 2; // windows sent to the disk and not yet waited for
     for (size_t offset = 0, index = 0; offset < count; offset += window, ++index) {
         const size_t length = std::min(window, count - offset);
@@ -186,6 +190,32 @@ void writeThrough(int fd, const uint8_t* bytes, size_t count) {
                                   SYNC_FILE_RANGE_WAIT_AFTER);
             ::posix_fadvise(fd, oldest, static_cast<off_t>(window), POSIX_FADV_DONTNEED);
         }
+    }
+}
+
+// Whether files this process creates with mode 0644 get less than that: the umask, read from
+// the kernel's report rather than set and restored, which would race with other threads
+// creating files. Unknown counts as yes.
+bool umaskNarrows0644() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("Umask:", 0) == 0) {
+            const unsigned long mask = std::strtoul(line.c_str() + 6, nullptr, 8);
+            return (mask & 0644) != 0;
+        }
+    }
+    return true;
+}
+
+// Fills the trailing X's of a temporary name with letters and digits. Names only need to
+// differ, O_EXCL settles any clash, so a fast generator per thread will do.
+void fillTemplate(std::string& name) {
+    static constexpr char letters[] =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    thread_local std::minstd_rand generator(std::random_device{}());
+    for (auto at = name.rbegin(); at != name.rend() && *at == 'X'; ++at) {
+        *at = letters[generator() % (sizeof letters - 1)];
     }
 }
 
@@ -212,6 +242,7 @@ DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned wr
     }
     owner = std::make_unique<InstanceOwner>(directory);
     owner->removeLeftovers();
+    fixPermissions = umaskNarrows0644();
     writerCount = std::max(1u, writerCount);
     writers.reserve(writerCount);
     try {
@@ -262,10 +293,16 @@ Future<file_common::v1::FileInfo> DiskFileService::writeFile(file_common::v1::Fi
     }
     Promise<file_common::v1::FileInfo> promise;
     Future<file_common::v1::FileInfo> future = promise.getFuture();
+    Job job{std::move(file), std::move(name), overwrite, std::move(promise), std::move(scope)};
+    if (job.scope) {
+        // A request's own thread waits for its write at once: handing the write to a writer
+        // would only add two thread switches to every file.
+        complete(job);
+        return future;
+    }
     {
         std::lock_guard<std::mutex> guard(mutex);
-        queue.push_back(
-            Job{std::move(file), std::move(name), overwrite, std::move(promise), std::move(scope)});
+        queue.push_back(std::move(job));
     }
     wake.notify_one();
     return future;
@@ -282,33 +319,37 @@ void DiskFileService::run() {
         Job job = std::move(queue.front());
         queue.pop_front();
         lock.unlock();
-        std::optional<file_common::v1::FileInfo> stored;
-        std::exception_ptr failure;
-        int cause = 0;
-        try {
-            stored.emplace(store(job));
-        } catch (const SystemFailure& error) {
-            cause = error.cause;
-            failure = std::current_exception();
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        if (failure && job.scope) {
-            std::lock_guard<std::mutex> guard(job.scope->mutex);
-            --job.scope->admitted;
-            if (cause != 0) {
-                keepFirst(job.scope->failures, "cannot store \"" + job.name + "\" in " + directory +
-                                                   ": " + std::strerror(cause));
-            }
-        }
-        // Resolve outside the handler, handing over the only reference to a failure: a copy
-        // released here while the waiter reads it would look like a race to ThreadSanitizer.
-        if (failure) {
-            job.promise.setException(std::move(failure));
-        } else {
-            job.promise.setValue(std::move(*stored));
-        }
+        complete(job);
         lock.lock();
+    }
+}
+
+void DiskFileService::complete(Job& job) const {
+    std::optional<file_common::v1::FileInfo> stored;
+    std::exception_ptr failure;
+    int cause = 0;
+    try {
+        stored.emplace(store(job));
+    } catch (const SystemFailure& error) {
+        cause = error.cause;
+        failure = std::current_exception();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure && job.scope) {
+        std::lock_guard<std::mutex> guard(job.scope->mutex);
+        --job.scope->admitted;
+        if (cause != 0) {
+            keepFirst(job.scope->failures, "cannot store \"" + job.name + "\" in " + directory +
+                                               ": " + std::strerror(cause));
+        }
+    }
+    // Resolve outside the handler, handing over the only reference to a failure: a copy
+    // released here while the waiter reads it would look like a race to ThreadSanitizer.
+    if (failure) {
+        job.promise.setException(std::move(failure));
+    } else {
+        job.promise.setValue(std::move(*stored));
     }
 }
 
@@ -353,25 +394,29 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
     const std::string& name = job.name;
     const file_common::v1::File& file = job.file;
     std::string storedName;
-    std::string temp = owner->temporaryTemplate();
-
-    FileDescriptor out(::mkstemp(temp.data()));
+    std::string temp;
+    FileDescriptor out(openTemporary(temp));
     if (out.get() < 0) {
         throw systemError("Cannot create a temporary file for " + name);
     }
     try {
-        // mkstemp makes the file private; a stored upload is readable like any other file.
-        if (::fchmod(out.get(), 0644) != 0) {
+        // A stored upload is readable like any other file, whatever the umask says.
+        if (fixPermissions && ::fchmod(out.get(), 0644) != 0) {
             throw systemError("Cannot set the permissions of " + name);
         }
         const size_t size = file.content.getSize();
-        if (size > 0) {
+        // A file within one window gains nothing from the hints: the fsync follows at once.
+        if (size > writeWindow) {
             writeThrough(out.get(), file.content.bytes(), size);
+        } else if (size > 0) {
+            writeAll(out.get(), file.content.bytes(), size);
         }
         if (::fsync(out.get()) != 0) {
             throw systemError("Cannot flush " + name);
         }
-        ::posix_fadvise(out.get(), 0, 0, POSIX_FADV_DONTNEED);
+        if (size > writeWindow) {
+            ::posix_fadvise(out.get(), 0, 0, POSIX_FADV_DONTNEED);
+        }
         if (::close(out.release()) != 0) {
             throw systemError("Cannot close " + name);
         }
@@ -469,7 +514,22 @@ int DiskFileService::moveWithoutReplacing(const std::string& temp,
     return 0;
 }
 
+int DiskFileService::openTemporary(std::string& path) const {
+    const std::string pattern = owner->temporaryTemplate();
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        path = pattern;
+        fillTemplate(path);
+        const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (descriptor >= 0 || errno != EEXIST) {
+            return descriptor;
+        }
+    }
+    return -1; // errno is EEXIST
+}
+
 int DiskFileService::syncDirectoryEntries() const {
+    // Opened by name each time: a descriptor kept open would go on syncing the old directory
+    // after the upload directory was removed and made again.
     FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.get() < 0) {
         return errno;

@@ -32,12 +32,13 @@ struct StoredFile {
 
 // The server's file service: stores each file as a direct child of one upload directory.
 // Any thread may call writeFile. A refused name, or a file over its request's limit, is
-// answered at once, on the calling thread; other writes run on the service's own writer
-// threads, several at once so that one slow write does not hold up the others, and the thread
-// that wrote a file resolves its future, success or failure. A file is written to a temporary
-// file beside the target, flushed to disk and moved to its name in one step, so a stored file
-// is complete or absent, never partial; what happens to an existing file of the name is the
-// service's ConflictPolicy.
+// answered at once, on the calling thread, and so is a write made while a RequestScope is
+// active there: that thread runs a request and waits for its file anyway. Other writes run on
+// the service's own writer threads, several at once so that one slow write does not hold up
+// the others, and the thread that wrote a file resolves its future, success or failure. A file is
+// written to a temporary file beside the target, flushed to disk and moved to its name in one step,
+// so a stored file is complete or absent, never partial; what happens to an existing file of the
+// name is the service's ConflictPolicy.
 class DiskFileService : public file::v1::FileService {
 public:
     // Temporary files start with this; no upload may take such a name.
@@ -99,12 +100,16 @@ private:
     };
 
     void run();
+    void complete(Job& job) const; // stores the file and resolves the job's promise
     void stopWriters() noexcept;
     file_common::v1::FileInfo store(Job& job) const;
     std::string moveIntoPlace(const std::string& temp, const Job& job) const;
     int moveWithoutReplacing(const std::string& temp, const std::string& target) const;
     std::string targetName(const std::u16string& path) const;
     int syncDirectoryEntries() const; // 0, or the errno of the failure
+    // Creates a new temporary file for writing; its path goes to path. The descriptor, or -1
+    // with errno set.
+    int openTemporary(std::string& path) const;
 
     std::string directory;
     std::u16string directoryPrefix; // "<directory>/" in UTF-16, as paths arrive
@@ -112,6 +117,7 @@ private:
     ConflictPolicy conflictPolicy;
     MoveFile moveFile;
     std::unique_ptr<InstanceOwner> owner; // released after the writers have stopped
+    bool fixPermissions = true;           // the umask takes bits of 0644 from new files
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<Job> queue;

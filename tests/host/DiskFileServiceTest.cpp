@@ -21,6 +21,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -109,6 +110,17 @@ TEST_F(DiskFileServiceTest, storesBytesExactlyReplacesOnlyWhenAskedAndLeavesNoTe
     write(service, in("large"), large).get();
     EXPECT_TRUE(contents(uploads / "large") == large);
     EXPECT_EQ(names(uploads), (std::set<std::string>{"a.bin", "empty", "large"}));
+
+    // A stored file is readable by all, whatever the server's umask.
+    for (const mode_t mask : {mode_t{077}, mode_t{022}}) {
+        const mode_t before = ::umask(mask);
+        DiskFileService masked(uploads.string());
+        write(masked, in("mode"), "m").get();
+        ::umask(before);
+        struct stat status {};
+        ASSERT_EQ(::stat((uploads / "mode").c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0644u) << "umask " << mask;
+    }
 }
 
 // Every refusal quotes at most a few hundred bytes of the client's text, cut at a character
@@ -343,25 +355,32 @@ TEST_F(DiskFileServiceTest, aRequestScopeCountsOnlyItsOwnThreadsWritesToItsServi
     EXPECT_EQ(names(root / "other"), std::set<std::string>{"elsewhere"});
 }
 
-// Refusals cost no writer: they are answered while the only one is held. A write stored after
-// its scope's finish() syncs the directory itself.
-TEST_F(DiskFileServiceTest, refusalsNeedNoWriterAndALateWriteSyncsForItself) {
+// Refusals and a request's own writes cost no writer: they are answered, and the request's
+// file stored, while the only writer is held.
+TEST_F(DiskFileServiceTest, refusalsAndARequestsOwnWritesNeedNoWriter) {
     std::promise<void> release;
     held = release.get_future().share();
     std::atomic<int> answered{0}; // outlives the writer, should a refusal wait for it
     DiskFileService service(uploads.string(), 1, countingSync());
     Future<FileInfo> first = write(service, in("held"), "h");
+    // The held write's directory sync must be the first one, the one that is held.
+    for (int i = 0; i < 10000 && syncs == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     RequestScope scope(service, 1);
-    Future<FileInfo> late = write(service, in("late"), "l");
+    std::string mine;
+    write(service, in("mine"), "m").then([&](Future<FileInfo>& f) {
+        mine = outcome(std::move(f));
+    });
+    EXPECT_EQ(mine, "mine");
     write(service, in(".."), "x").then([&](Future<FileInfo>&) { ++answered; });
     write(service, in("over"), "o").then([&](Future<FileInfo>&) { ++answered; });
     EXPECT_EQ(answered, 2);
     scope.finish();
+    EXPECT_EQ(syncs, 2);
     release.set_value();
     first.get();
-    late.get();
-    EXPECT_EQ(syncs, 2);
-    EXPECT_EQ(names(uploads), (std::set<std::string>{"held", "late"}));
+    EXPECT_EQ(names(uploads), (std::set<std::string>{"held", "mine"}));
 }
 
 // Each policy, with the filesystem's own way of not replacing and as each answer of one that
