@@ -10,6 +10,7 @@
 #include "host/Metrics.h"
 #include "host/PartHeaderCheck.h"
 #include "host/RequestGate.h"
+#include "host/ServicePlacement.h"
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/executor_work_guard.hpp>
@@ -271,6 +272,7 @@ struct Shared {
     Metrics metrics;
     std::optional<ssl::context> tls; // set when serving HTTPS
     net::thread_pool services;
+    ServicePlacement placement;
     // The server-wide timers run on one strand: a stop, the last session leaving and the
     // report may come from any IO thread.
     net::strand<net::io_context::executor_type> control;
@@ -767,48 +769,56 @@ private:
         shared->inService.fetch_add(1);
 
         // The guard keeps the IO threads running until the reply has been handed back.
-        net::post(
-            shared->services,
-            [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
-             destination = verdict.destination, boundary = std::move(verdict.boundary),
-             charge = std::move(verdict.charge), body = std::move(request.body())]() mutable {
-                Shared& state = *self->shared;
-                common::DataBuffer returned;
-                Reply reply;
-                Stored stored;
-                {
-                    std::optional<DiskFileService::RequestScope> scope;
-                    if (state.parts.files) {
-                        scope.emplace(*state.parts.files, state.options.maxFiles);
-                    }
-                    reply = RequestDispatcher::callService(*destination.provider,
-                                                           destination.address, std::move(boundary),
-                                                           std::move(body), &returned);
-                    // The answer may say the files are stored only once they are durable.
-                    try {
-                        if (scope) {
-                            scope->finish();
-                        }
-                    } catch (const std::exception& error) {
-                        reply = RequestDispatcher::plainText(500, "Internal Server Error",
-                                                             error.what());
-                    }
-                    if (scope) {
-                        stored = self->collectStored(*scope);
-                    }
+        auto call = [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
+                     destination = verdict.destination, boundary = std::move(verdict.boundary),
+                     charge = std::move(verdict.charge),
+                     body = std::move(request.body())]() mutable {
+            Shared& state = *self->shared;
+            const std::size_t bodyBytes = body.getSize();
+            const auto started = Clock::now();
+            common::DataBuffer returned;
+            Reply reply;
+            Stored stored;
+            {
+                std::optional<DiskFileService::RequestScope> scope;
+                if (state.parts.files) {
+                    scope.emplace(*state.parts.files, state.options.maxFiles);
                 }
-                // The body's storage stays charged while it is kept for the next request.
-                state.bodies.give(std::move(returned), &charge);
-                charge.release();
-                state.inService.fetch_sub(1);
-                state.trimDue.store(true);
-                net::post(self->stream.get_executor(),
+                reply =
+                    RequestDispatcher::callService(*destination.provider, destination.address,
+                                                   std::move(boundary), std::move(body), &returned);
+                // The answer may say the files are stored only once they are durable.
+                try {
+                    if (scope) {
+                        scope->finish();
+                    }
+                } catch (const std::exception& error) {
+                    reply =
+                        RequestDispatcher::plainText(500, "Internal Server Error", error.what());
+                }
+                if (scope) {
+                    stored = self->collectStored(*scope);
+                }
+            }
+            state.placement.record(bodyBytes, Clock::now() - started);
+            // The body's storage stays charged while it is kept for the next request.
+            state.bodies.give(std::move(returned), &charge);
+            charge.release();
+            state.inService.fetch_sub(1);
+            state.trimDue.store(true);
+            // Straight on, when the call ran on the connection's own strand.
+            net::dispatch(self->stream.get_executor(),
                           [self, reply = std::move(reply), stored = std::move(stored)]() mutable {
                               self->fromService = true;
                               self->stored = std::move(stored);
                               self->sendReply(std::move(reply));
                           });
-            });
+        };
+        if (shared->placement.runInline(bytesIn)) {
+            call();
+        } else {
+            net::post(shared->services, std::move(call));
+        }
     }
 
     // ---- answering and closing
@@ -1089,10 +1099,11 @@ void evictSession(Shared& shared, ConnectionTable::Id id) {
 // accept itself fails it backs off instead of retrying at once.
 class Listener : public std::enable_shared_from_this<Listener> {
 public:
-    Listener(net::io_context& context, const tcp::endpoint& endpoint,
+    // Connections are spread over contexts in turn; the first also runs the acceptor.
+    Listener(std::vector<net::io_context*> connectionContexts, const tcp::endpoint& endpoint,
              std::shared_ptr<Shared> sharedState)
-        : ioc(context)
-        , acceptor(net::make_strand(context))
+        : contexts(std::move(connectionContexts))
+        , acceptor(net::make_strand(*contexts.front()))
         , shared(std::move(sharedState))
         , pause(acceptor.get_executor()) {
         beast::error_code ec;
@@ -1142,7 +1153,9 @@ private:
         if (!shared->table.hasRoom(Clock::now())) {
             return waitForRoom();
         }
-        acceptor.async_accept(net::make_strand(ioc),
+        net::io_context& context = *contexts[nextContext];
+        nextContext = (nextContext + 1) % contexts.size();
+        acceptor.async_accept(net::make_strand(context),
                               beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
     }
 
@@ -1264,7 +1277,8 @@ private:
         return out.str();
     }
 
-    net::io_context& ioc;
+    const std::vector<net::io_context*> contexts;
+    std::size_t nextContext = 0; // on the acceptor's strand
     tcp::acceptor acceptor;
     std::shared_ptr<Shared> shared;
     net::steady_timer pause;
@@ -1276,10 +1290,15 @@ private:
 
 struct Server::State {
     State(const ServerOptions& options, ServerParts parts)
-        : ioc(static_cast<int>(options.threads))
+        : ioc(1)
         , signals(ioc, SIGINT, SIGTERM)
         , shared(std::make_shared<Shared>(ioc, options, std::move(parts))) {
-        listener = std::make_shared<Listener>(ioc, endpointOf(options), shared);
+        std::vector<net::io_context*> contexts{&ioc};
+        for (unsigned i = 1; i < std::max(1u, options.threads); ++i) {
+            contexts.push_back(
+                connectionContexts.emplace_back(std::make_unique<net::io_context>(1)).get());
+        }
+        listener = std::make_shared<Listener>(std::move(contexts), endpointOf(options), shared);
     }
 
     // An address as it is; a name, its first address; nothing, every IPv4 interface.
@@ -1400,10 +1419,10 @@ struct Server::State {
     }
 
     // A handler that throws must not take an IO thread down with it.
-    void runIo() {
+    void runIo(net::io_context& context) {
         for (;;) {
             try {
-                ioc.run();
+                context.run();
                 return;
             } catch (const std::exception& error) {
                 writeEvent(shared->events.log, LogLevel::error,
@@ -1412,7 +1431,11 @@ struct Server::State {
         }
     }
 
+    // Each IO thread runs one context of its own, so that the threads never contend for one
+    // queue of events: ioc, which also runs the server-wide work, and one more per further
+    // thread.
     net::io_context ioc;
+    std::vector<std::unique_ptr<net::io_context>> connectionContexts;
     // Installed with the listening socket, so a signal that comes as soon as the server
     // says it listens is already ours.
     net::signal_set signals;
@@ -1434,13 +1457,17 @@ void Server::run() {
     state->listener->run();
     net::dispatch(state->shared->control, [this] { state->report(Clock::now()); });
 
+    // The further contexts may be without a connection at times; they run until ioc is done,
+    // which is once the stop has seen every session go.
+    std::vector<net::executor_work_guard<net::io_context::executor_type>> keep;
     std::vector<std::thread> threads;
-    const unsigned count = std::max(1u, state->shared->options.threads);
-    threads.reserve(count - 1);
-    for (unsigned i = 1; i < count; ++i) {
-        threads.emplace_back([this] { state->runIo(); });
+    threads.reserve(state->connectionContexts.size());
+    for (const auto& context : state->connectionContexts) {
+        keep.push_back(net::make_work_guard(*context));
+        threads.emplace_back([this, &context = *context] { state->runIo(context); });
     }
-    state->runIo();
+    state->runIo(state->ioc);
+    keep.clear();
     for (std::thread& thread : threads) {
         thread.join();
     }
