@@ -11,6 +11,7 @@
 #include "host/PartHeaderCheck.h"
 #include "host/RequestGate.h"
 #include "host/ServicePlacement.h"
+#include "host/WarmPages.h"
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/executor_work_guard.hpp>
@@ -480,6 +481,7 @@ private:
         target.clear();
         directLength = 0;
         directRead = 0;
+        releaseWarmPages();
         verdict = Verdict();
         partCheck.reset();
         discardParser.reset();
@@ -671,7 +673,22 @@ private:
         }
         directLength = length;
         directRead = 0;
+        if (!discardParser && length >= WarmPages::worthFrom) {
+            warm = WarmPages::map(length);
+            if (warm) {
+                net::post(shared->services, [pages = warm] { pages->touch(); });
+            }
+        }
         doReadDirect();
+    }
+
+    // The touching stops and the memory goes back to the system: the part is about to be
+    // made, or the request ended without one.
+    void releaseWarmPages() {
+        if (warm) {
+            warm->release();
+            warm.reset();
+        }
     }
 
     // Where the next body bytes go: their place in the body, or, on the discard route, a
@@ -767,6 +784,7 @@ private:
         keepAlive = request.keep_alive();
         bytesIn = request.body().getSize();
         shared->inService.fetch_add(1);
+        releaseWarmPages();
 
         // The guard keeps the IO threads running until the reply has been handed back.
         auto call = [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
@@ -1070,6 +1088,7 @@ private:
     std::size_t directLength = 0;            // size of a body read straight from the socket
     std::size_t directRead = 0;              // how much of it has arrived
     std::unique_ptr<std::uint8_t[]> scratch; // where the discard route drops its bytes
+    std::shared_ptr<WarmPages> warm;         // the coming part's memory, made ready
     unsigned version = 11;
     bool keepAlive = false;
     bool requestRead = false;     // the whole request, body included, has been consumed
