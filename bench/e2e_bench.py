@@ -189,7 +189,8 @@ def main():
         small = small_uploads(args.client, server, "/users", *small_args, "small")
 
         net_s, disk_s, up_s = min(network), min(disk), statistics.median(upload)
-        floor = max(net_s, disk_s)
+        # The module gets the body only once all of it is in, so the two floors add up.
+        floors = net_s + disk_s
         peak = max(peaks)
         rows = [
             ("disk floor: write + fsync %d MiB (fastest)" % args.size_mib, "%.3f s" % disk_s,
@@ -197,7 +198,8 @@ def main():
             ("network floor: curl -F to %s (fastest)" % DISCARD_ROUTE, "%.3f s" % net_s,
              "%.0f MiB/s" % (args.size_mib / net_s)),
             ("upload: curl -F to /users (median)", "%.3f s" % up_s, "%.0f MiB/s" % (args.size_mib / up_s)),
-            ("upload / slower floor (target <= 1.5)", "%.2f" % (up_s / floor), ""),
+            ("upload / (network + disk floor) (target <= 1.2)", "%.2f" % (up_s / floors),
+             "floors %.3f s" % floors),
             ("server peak RSS during upload", "%.0f MiB" % (peak / MIB),
              "idle %.0f MiB" % (idle / MIB)),
             ("peak RSS / body size (target <= 2.2)", "%.2f" % (peak / size), ""),
