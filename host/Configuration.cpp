@@ -423,7 +423,8 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
     option("threads", "N", "IO threads (default: the core count)", count(server.threads, 1, 1024));
     option("service-threads", "N",
            "threads that run uploads, each held until its files are written: N uploads are "
-           "stored at once (default 64), by up to 16 file writers",
+           "stored at once (default 64); small uploads run on the IO threads while the disk "
+           "syncs quickly",
            count(server.serviceThreads, 1, 1024));
     option("discard-route", "PATH",
            "also serve PATH by reading each body and dropping it, 200 without calling any "

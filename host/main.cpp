@@ -132,16 +132,15 @@ kestrin::host::ConflictPolicy conflictPolicy(const std::string& name) {
                               : ConflictPolicy::replace;
 }
 
-// File writers: enough that a large write does not hold up the others, few enough that their
-// descriptors leave room for connections.
-unsigned writerCount(unsigned serviceThreads) {
-    return std::min(serviceThreads, 16u);
-}
+// The server stores every file within a request's scope, on the thread that runs the request;
+// the file service's own writer only takes writes made outside one.
+constexpr unsigned writerThreads = 1;
 
 // Many idle clients must not leave the server without descriptors for the files it stores: the
 // soft limit goes up to the hard one, and connections get what is left after a reserve for the
-// writers' temporary files, the service threads' directory syncs and the server's own.
-std::size_t raiseDescriptorLimit(unsigned serviceThreads) {
+// files each thread that runs requests holds while it stores one (its temporary file, then the
+// directory it syncs), and the server's own.
+std::size_t raiseDescriptorLimit(unsigned storingThreads) {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return 1024;
@@ -153,7 +152,7 @@ std::size_t raiseDescriptorLimit(unsigned serviceThreads) {
             limit = raised;
         }
     }
-    const std::uint64_t reserve = 32 + serviceThreads + writerCount(serviceThreads);
+    const std::uint64_t reserve = 32 + storingThreads;
     const std::uint64_t available = limit.rlim_cur == RLIM_INFINITY ? 1 << 20 : limit.rlim_cur;
     return static_cast<std::size_t>(
         std::max<std::uint64_t>(16, available > reserve ? available - reserve : 0));
@@ -184,7 +183,9 @@ int serve(kestrin::host::Configuration arguments) {
     const auto say = [&log](host::LogLevel level, const std::string& message) {
         std::cerr << log.event(std::chrono::system_clock::now(), level, message) << std::flush;
     };
-    const std::size_t descriptors = raiseDescriptorLimit(options.serviceThreads);
+    // Quick uploads run on the IO threads, the others on the service threads.
+    const std::size_t descriptors =
+        raiseDescriptorLimit(options.serviceThreads + options.threads + writerThreads);
     options.maxConnections = arguments.maxConnections.value_or(descriptors);
     if (options.maxConnections > descriptors) {
         say(host::LogLevel::warn, "--max-connections " + std::to_string(options.maxConnections) +
@@ -212,7 +213,7 @@ int serve(kestrin::host::Configuration arguments) {
     }
     enterDirectory(arguments.directory);
     auto fileService = std::make_shared<host::DiskFileService>(
-        ".", writerCount(options.serviceThreads), host::DiskFileService::DirectorySync(),
+        ".", writerThreads, host::DiskFileService::DirectorySync(),
         conflictPolicy(arguments.onConflict));
 
     auto uploadService = std::make_shared<MultipartUploadServiceImpl>();
