@@ -1,6 +1,7 @@
 #include "file_upload/MultipartUploadServiceImpl.h"
 
 #include "file_upload/BoundaryScan.h"
+#include "file_upload/HeaderBlock.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -40,24 +41,6 @@ BoundaryMatch findAnyMarker(const uint8_t* body, size_t last, size_t start, cons
         }
     }
     return noBoundary;
-}
-
-// Calls visit with each token of text: the runs of characters between delimiters, empty runs
-// dropped, delimiters never returned. A header block is split this way into lines (at every
-// CR and every LF) and each line into fields (at ";"). Tokens are views into text, so
-// splitting copies nothing; only the key and value of each field become strings. The
-// delimiter test is inline: find_first_of would call memchr for every header byte.
-template <typename IsDelimiter, typename Visit>
-void forEachToken(std::string_view text, IsDelimiter isDelimiter, Visit&& visit) {
-    size_t start = 0;
-    for (size_t i = 0; i <= text.size(); ++i) {
-        if (i == text.size() || isDelimiter(text[i])) {
-            if (i > start) {
-                visit(text.substr(start, i - start));
-            }
-            start = i + 1;
-        }
-    }
 }
 
 } // namespace
@@ -162,25 +145,12 @@ void MultipartUploadServiceImpl::parseHeaders(DataBuffer& body,
                                               size_t offset, size_t length) {
     const char* bytes = reinterpret_cast<const char*>(body.getData());
     const std::string_view block(bytes + offset, length);
-    const auto endsLine = [](char c) { return c == '\r' || c == '\n'; };
-    const auto endsField = [](char c) { return c == ';'; };
-    forEachToken(block, endsLine, [&](std::string_view line) {
-        forEachToken(line, endsField, [&](std::string_view field) {
-            // The header's own name and type ("Content-Disposition: form-data") is no parameter.
-            if (field.find("Content-Disposition") != std::string_view::npos) {
-                return;
-            }
-            const size_t equals = field.find('=');
-            std::string key(field.substr(0, equals));
-            // Without "=", equals + 1 wraps to 0 and the value is the field minus its last
-            // character: odd, but it is how such fields have always been read.
-            std::string value(field.substr(equals + 1, field.size() - 1));
-            trimLeadTrailWhiteSpaces(key);
-            trimDoubleQoutes(key);
-            trimLeadTrailWhiteSpaces(value);
-            trimDoubleQoutes(value);
-            headers.insert_or_assign(std::move(key), std::move(value));
-        });
+    forEachHeaderParameter(block, [&](std::string_view key, std::string_view value) {
+        std::string keyText;
+        std::string valueText;
+        assignWithoutQuotes(keyText, key);
+        assignWithoutQuotes(valueText, value);
+        headers.insert_or_assign(std::move(keyText), std::move(valueText));
     });
 }
 
@@ -208,7 +178,7 @@ void MultipartUploadServiceImpl::trimDoubleQoutes(std::string& text) {
 
 void MultipartUploadServiceImpl::writeFileToDisk(std::shared_ptr<file::v1::FileService> fileService,
                                                  DataBuffer& data, std::u16string path) {
-    file_common::v1::FileInfo info(path);
+    file_common::v1::FileInfo info(std::move(path));
     file_common::v1::File file(std::move(info), std::move(data));
     // The file record outlives the wait; the future goes first, the record after it.
     Future<file_common::v1::FileInfo> written = fileService->writeFile(std::move(file), true);
