@@ -131,6 +131,12 @@ const uint8_t* findOccurrence(const uint8_t* text, size_t textSize, const uint8_
         };
         size_t i = 0;
         for (; i + 32 <= positions; i += 32) {
+            // Parts follow each other through the body: asking ahead, across page edges the
+            // hardware does not fetch beyond, keeps a search of many short parts fed.
+            if (i + prefetchDistance < textSize) {
+                _mm_prefetch(reinterpret_cast<const char*>(text + i + prefetchDistance),
+                             _MM_HINT_T0);
+            }
             uint32_t mask = candidates(i) | (candidates(i + 16) << 16);
             while (mask != 0) {
                 const size_t at = i + static_cast<size_t>(__builtin_ctz(mask));

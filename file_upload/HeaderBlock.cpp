@@ -1,7 +1,6 @@
 #include "file_upload/HeaderBlock.h"
 
 #include <cstring>
-#include <utility>
 
 namespace kestrin::file_upload::v1 {
 
@@ -32,29 +31,20 @@ void assignWithoutQuotes(std::string& out, std::string_view text) {
     }
 }
 
-void parseHeaderBlockReusingNodes(std::string_view block, HeaderMap& headers,
-                                  std::vector<HeaderMap::node_type>& spare) {
-    while (!headers.empty()) {
-        spare.push_back(headers.extract(headers.begin()));
-    }
-    forEachHeaderParameter(block, [&](std::string_view key, std::string_view value) {
-        HeaderMap::node_type node;
-        if (spare.empty()) {
-            HeaderMap fresh;
-            node = fresh.extract(fresh.emplace().first);
-        } else {
-            node = std::move(spare.back());
-            spare.pop_back();
+bool findLastParameter(std::string_view block, std::string_view key, std::string& value,
+                       std::string& scratch) {
+    bool found = false;
+    forEachHeaderParameter(block, [&](std::string_view fieldKey, std::string_view fieldValue) {
+        if (fieldKey.find('"') != std::string_view::npos) {
+            assignWithoutQuotes(scratch, fieldKey);
+            fieldKey = scratch;
         }
-        assignWithoutQuotes(node.key(), key);
-        assignWithoutQuotes(node.mapped(), value);
-        auto inserted = headers.insert(std::move(node));
-        if (!inserted.inserted) {
-            // A key seen before in this block: the later value wins.
-            inserted.position->second.swap(inserted.node.mapped());
-            spare.push_back(std::move(inserted.node));
+        if (fieldKey == key) {
+            assignWithoutQuotes(value, fieldValue);
+            found = true;
         }
     });
+    return found;
 }
 
 } // namespace kestrin::file_upload::v1

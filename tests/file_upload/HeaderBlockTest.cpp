@@ -8,14 +8,13 @@
 #include <string>
 #include <vector>
 
+using kestrin::file_upload::v1::findLastParameter;
 using kestrin::file_upload::v1::HeaderMap;
-using kestrin::file_upload::v1::parseHeaderBlockReusingNodes;
 namespace reference = kestrin::testing::reference;
 
-TEST(HeaderBlock, reusedNodesGiveTheMapOfAFreshParseForEveryBlock) {
-    // One map and one pool through many blocks, as the pipeline keeps them over a body: each
-    // block must leave exactly what parsing it into an empty map gives. Blocks repeat keys,
-    // drop keys the block before had, and have more or fewer fields than it.
+TEST(HeaderBlock, theParameterFoundIsWhatTheMapOfTheBlockHolds) {
+    // Blocks that name the key more than once, quote it, pad it with blanks, or only come
+    // close to it; the scratch strings are reused from block to block, as the pipeline does.
     const std::vector<std::string> pieces = {"\r\n",
                                              "\r",
                                              "\n",
@@ -26,6 +25,8 @@ TEST(HeaderBlock, reusedNodesGiveTheMapOfAFreshParseForEveryBlock) {
                                              " ",
                                              "name",
                                              "filename",
+                                             "file\"name",
+                                             "filenames",
                                              "x",
                                              "a long value that does not fit in place",
                                              "=\"q\"",
@@ -33,9 +34,9 @@ TEST(HeaderBlock, reusedNodesGiveTheMapOfAFreshParseForEveryBlock) {
                                              "Content-Type: text/plain",
                                              "filename=\"a b\""};
     std::mt19937 random(31337);
-    HeaderMap headers;
-    std::vector<HeaderMap::node_type> spare;
-    for (int round = 0; round < 3000; ++round) {
+    std::string value;
+    std::string scratch;
+    for (int round = 0; round < 4000; ++round) {
         std::string block;
         const size_t count = std::uniform_int_distribution<size_t>(0, 14)(random);
         for (size_t k = 0; k < count; ++k) {
@@ -43,7 +44,11 @@ TEST(HeaderBlock, reusedNodesGiveTheMapOfAFreshParseForEveryBlock) {
         }
         HeaderMap expected;
         reference::parseHeaderBlock(block, expected);
-        parseHeaderBlockReusingNodes(block, headers, spare);
-        ASSERT_EQ(headers, expected) << testing::PrintToString(block);
+        const auto named = expected.find("filename");
+        const bool found = findLastParameter(block, "filename", value, scratch);
+        ASSERT_EQ(found, named != expected.end()) << testing::PrintToString(block);
+        if (found) {
+            ASSERT_EQ(value, named->second) << testing::PrintToString(block);
+        }
     }
 }
