@@ -25,9 +25,20 @@ inline bool sameBytes(const uint8_t* a, const uint8_t* b, size_t count) {
     return true;
 }
 
-// First occurrence of needle (at least two bytes) in text, or null.
+// First occurrence of needle (at least two bytes) in text, or null: with the widest
+// compares the processor has.
 [[nodiscard]] const uint8_t* findOccurrence(const uint8_t* text, size_t textSize,
                                             const uint8_t* needle, size_t needleSize);
+
+// The same with 16-byte compares (or memmem without them), which every x86-64 processor
+// has; and with 32-byte compares, only for processors with AVX2 and needles of at most 256
+// bytes in texts at least as long. Apart for the tests, which hold each to the other.
+[[nodiscard]] const uint8_t* findOccurrenceBy16(const uint8_t* text, size_t textSize,
+                                                const uint8_t* needle, size_t needleSize);
+#if defined(__x86_64__) && defined(__GNUC__)
+[[nodiscard]] const uint8_t* findOccurrenceBy32(const uint8_t* text, size_t textSize,
+                                                const uint8_t* needle, size_t needleSize);
+#endif
 
 // True for the markers the pipeline builds: "\r\n--" and at least one more byte.
 [[nodiscard]] bool isUsualMarker(const uint8_t* marker, size_t markerSize);

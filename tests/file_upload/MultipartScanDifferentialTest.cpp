@@ -7,12 +7,14 @@
 
 #include <cstdint>
 #include <random>
+#include <string.h>
 #include <string>
 #include <utility>
 #include <vector>
 
 using kestrin::common::DataBuffer;
 using kestrin::file_upload::v1::findBoundaryAndCut;
+using kestrin::file_upload::v1::findOccurrenceBy16;
 using kestrin::file_upload::v1::MultipartUploadServiceImpl;
 using kestrin::testing::bytesOf;
 namespace reference = kestrin::testing::reference;
@@ -105,6 +107,34 @@ void expectSameCut(const std::string& markerText, const std::string& text, size_
 }
 
 } // namespace
+
+TEST(MultipartScanDifferential, occurrenceSearchesOfEveryWidthAgreeWithMemmem) {
+    // Needles from two bytes to past the vector limit, in texts of pieces of the needle, so
+    // that near misses and matches fall on every offset of the 16- and 64-byte steps.
+    std::mt19937 random(2718);
+    for (int round = 0; round < 3000; ++round) {
+        const size_t needleSize = std::uniform_int_distribution<size_t>(2, 300)(random);
+        std::string needle;
+        for (size_t k = 0; k < needleSize; ++k) {
+            needle += "ab-\r"[std::uniform_int_distribution<int>(0, 3)(random)];
+        }
+        const std::string text = randomBody(random, piecesFor(needle), 600);
+        const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+        const auto* pattern = reinterpret_cast<const uint8_t*>(needle.data());
+        const void* expected = ::memmem(bytes, text.size(), pattern, needle.size());
+        ASSERT_EQ(findOccurrenceBy16(bytes, text.size(), pattern, needle.size()), expected)
+            << testing::PrintToString(needle) << " in " << testing::PrintToString(text);
+#if defined(__x86_64__) && defined(__GNUC__)
+        if (__builtin_cpu_supports("avx2") && needle.size() <= 256 &&
+            text.size() >= needle.size()) {
+            ASSERT_EQ(kestrin::file_upload::v1::findOccurrenceBy32(bytes, text.size(), pattern,
+                                                                   needle.size()),
+                      expected)
+                << testing::PrintToString(needle) << " in " << testing::PrintToString(text);
+        }
+#endif
+    }
+}
 
 TEST(MultipartScanDifferential, cutWhileSearchingAgreesWithSearchThenCut) {
     const std::vector<std::string> markers = {"\r\n--xyz",
