@@ -191,6 +191,24 @@ void BM_runUploadPipeline(benchmark::State& state, size_t kind) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * request.getSize()));
 }
 
+// A service the pipeline does not know as its own gets every call separately: the search,
+// then the cut, each a pass over the part. The figure to set beside BM_runUploadPipeline.
+class SeparateCallsService final : public kestrin::file_upload::v1::MultipartUploadServiceImpl {};
+
+void BM_runUploadPipelineSeparateCalls(benchmark::State& state, size_t kind) {
+    DataBuffer& request = body(kind);
+    const DataBuffer marker("\r\n--" + boundary);
+    const auto files = std::make_shared<DroppingFileService>();
+    const auto service = std::make_shared<SeparateCallsService>();
+    kestrin::file_upload::v1::runUploadPipeline(files, *service, marker, request);
+    for (auto _ : state) {
+        kestrin::file_upload::v1::runUploadPipeline(files, *service, marker, request);
+        benchmark::DoNotOptimize(request.getData());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * request.getSize()));
+}
+
 // The boundary search alone, over a whole body from its first part's content on, beside
 // memmem looking for the same delimiter.
 void BM_findBoundaryMarkerIndex(benchmark::State& state, size_t kind) {
@@ -275,6 +293,10 @@ int main(int argc, char** argv) {
         }
         benchmark::RegisterBenchmark(("BM_runUploadPipeline/" + name).c_str(), BM_runUploadPipeline,
                                      kind)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("BM_runUploadPipelineSeparateCalls/" + name).c_str(),
+                                     BM_runUploadPipelineSeparateCalls, kind)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
     }

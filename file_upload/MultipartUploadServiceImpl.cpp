@@ -1,15 +1,13 @@
 #include "file_upload/MultipartUploadServiceImpl.h"
 
+#include "file_upload/BoundaryScan.h"
+#include "file_upload/HeaderBlock.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <string.h>
 #include <string_view>
 #include <utility>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace kestrin::file_upload::v1 {
 
@@ -21,99 +19,6 @@ constexpr uint8_t cr = '\r';
 constexpr uint8_t lf = '\n';
 constexpr uint8_t dash = '-';
 constexpr size_t blankLineSize = 4;
-
-using BoundaryMatch = std::tuple<size_t, size_t, bool>;
-constexpr BoundaryMatch noBoundary{SIZE_MAX, SIZE_MAX, false};
-
-inline bool sameBytes(const uint8_t* a, const uint8_t* b, size_t count) {
-    for (size_t k = 0; k < count; ++k) {
-        if (a[k] != b[k]) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// First occurrence of needle (at least two bytes) in text. Candidates are the positions
-// where two chosen bytes of the needle stand at their distance, sixteen positions per
-// compare; only those are compared in full. The two bytes are the needle's last one and the
-// nearest before it that differs from it: the first byte of a delimiter is a dash, which is
-// everywhere in bodies dense with dashes, line breaks and pieces of the boundary, while the
-// boundary's last bytes appear only inside a whole delimiter. No block depends on the one
-// before, so the loop runs at the speed of memory, where a skip loop would wait on each byte
-// it looks up. Long needles go to memmem, which keeps the work linear whatever the input.
-const uint8_t* findOccurrence(const uint8_t* text, size_t textSize, const uint8_t* needle,
-                              size_t needleSize) {
-    constexpr size_t longNeedle = 256;
-    if (textSize < needleSize) {
-        return nullptr;
-    }
-#if defined(__SSE2__)
-    if (needleSize <= longNeedle) {
-        const size_t lastIndex = needleSize - 1;
-        size_t probeIndex = lastIndex - 1;
-        while (probeIndex > 0 && needle[probeIndex] == needle[lastIndex]) {
-            --probeIndex;
-        }
-        const size_t positions = textSize - lastIndex;
-        const __m128i probe = _mm_set1_epi8(static_cast<char>(needle[probeIndex]));
-        const __m128i last = _mm_set1_epi8(static_cast<char>(needle[lastIndex]));
-        const auto candidates = [&](size_t at) {
-            const __m128i probed =
-                _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at + probeIndex));
-            const __m128i tails =
-                _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at + lastIndex));
-            return static_cast<uint32_t>(_mm_movemask_epi8(
-                _mm_and_si128(_mm_cmpeq_epi8(probed, probe), _mm_cmpeq_epi8(tails, last))));
-        };
-        size_t i = 0;
-        for (; i + 32 <= positions; i += 32) {
-            uint32_t mask = candidates(i) | (candidates(i + 16) << 16);
-            while (mask != 0) {
-                const size_t at = i + static_cast<size_t>(__builtin_ctz(mask));
-                if (sameBytes(text + at, needle, lastIndex)) {
-                    return text + at;
-                }
-                mask &= mask - 1;
-            }
-        }
-        for (; i < positions; ++i) {
-            if (sameBytes(text + i, needle, needleSize)) {
-                return text + i;
-            }
-        }
-        return nullptr;
-    }
-#endif
-    return static_cast<const uint8_t*>(::memmem(text, textSize, needle, needleSize));
-}
-
-// Markers of the usual shape, "\r\n--" + boundary. The scan tests the whole marker where a
-// CR stands and the short form "--" + boundary where a dash stands, and every match of
-// either contains the short form. So the first occurrence q of the short form decides:
-// - the whole marker at q - 2 when CR LF precedes q inside the scanned range;
-// - otherwise the short form at q, when q still lies where the scan looks (q <= n - len);
-// - otherwise nothing: a later occurrence overlapping q cannot have CR LF in front of it
-//   (its CR LF would sit on q's dashes), and one further on lies beyond every scanned
-//   position.
-// The whole marker at q - 2 needs no range check: the short form ends inside the body, so
-// q - 2 <= n - len.
-BoundaryMatch findUsualMarker(const uint8_t* body, size_t bodySize, size_t start,
-                              const uint8_t* marker, size_t markerSize) {
-    const size_t shortSize = markerSize - 2;
-    const uint8_t* hit = findOccurrence(body + start, bodySize - start, marker + 2, shortSize);
-    if (hit == nullptr) {
-        return noBoundary;
-    }
-    const size_t q = static_cast<size_t>(hit - body);
-    if (q >= start + 2 && body[q - 2] == cr && body[q - 1] == lf) {
-        return {q - 2, q - 2 + markerSize, true};
-    }
-    if (q <= bodySize - markerSize) {
-        return {q, q + shortSize, true};
-    }
-    return noBoundary;
-}
 
 // Any other marker, byte by byte. A marker shorter than three bytes has no short form, and
 // where its first and third bytes are equal the short form is never reached, because a
@@ -136,24 +41,6 @@ BoundaryMatch findAnyMarker(const uint8_t* body, size_t last, size_t start, cons
         }
     }
     return noBoundary;
-}
-
-// Calls visit with each token of text: the runs of characters between delimiters, empty runs
-// dropped, delimiters never returned. A header block is split this way into lines (at every
-// CR and every LF) and each line into fields (at ";"). Tokens are views into text, so
-// splitting copies nothing; only the key and value of each field become strings. The
-// delimiter test is inline: find_first_of would call memchr for every header byte.
-template <typename IsDelimiter, typename Visit>
-void forEachToken(std::string_view text, IsDelimiter isDelimiter, Visit&& visit) {
-    size_t start = 0;
-    for (size_t i = 0; i <= text.size(); ++i) {
-        if (i == text.size() || isDelimiter(text[i])) {
-            if (i > start) {
-                visit(text.substr(start, i - start));
-            }
-            start = i + 1;
-        }
-    }
 }
 
 } // namespace
@@ -258,25 +145,12 @@ void MultipartUploadServiceImpl::parseHeaders(DataBuffer& body,
                                               size_t offset, size_t length) {
     const char* bytes = reinterpret_cast<const char*>(body.getData());
     const std::string_view block(bytes + offset, length);
-    const auto endsLine = [](char c) { return c == '\r' || c == '\n'; };
-    const auto endsField = [](char c) { return c == ';'; };
-    forEachToken(block, endsLine, [&](std::string_view line) {
-        forEachToken(line, endsField, [&](std::string_view field) {
-            // The header's own name and type ("Content-Disposition: form-data") is no parameter.
-            if (field.find("Content-Disposition") != std::string_view::npos) {
-                return;
-            }
-            const size_t equals = field.find('=');
-            std::string key(field.substr(0, equals));
-            // Without "=", equals + 1 wraps to 0 and the value is the field minus its last
-            // character: odd, but it is how such fields have always been read.
-            std::string value(field.substr(equals + 1, field.size() - 1));
-            trimLeadTrailWhiteSpaces(key);
-            trimDoubleQoutes(key);
-            trimLeadTrailWhiteSpaces(value);
-            trimDoubleQoutes(value);
-            headers.insert_or_assign(std::move(key), std::move(value));
-        });
+    forEachHeaderParameter(block, [&](std::string_view key, std::string_view value) {
+        std::string keyText;
+        std::string valueText;
+        assignWithoutQuotes(keyText, key);
+        assignWithoutQuotes(valueText, value);
+        headers.insert_or_assign(std::move(keyText), std::move(valueText));
     });
 }
 
@@ -304,7 +178,7 @@ void MultipartUploadServiceImpl::trimDoubleQoutes(std::string& text) {
 
 void MultipartUploadServiceImpl::writeFileToDisk(std::shared_ptr<file::v1::FileService> fileService,
                                                  DataBuffer& data, std::u16string path) {
-    file_common::v1::FileInfo info(path);
+    file_common::v1::FileInfo info(std::move(path));
     file_common::v1::File file(std::move(info), std::move(data));
     // The file record outlives the wait; the future goes first, the record after it.
     Future<file_common::v1::FileInfo> written = fileService->writeFile(std::move(file), true);

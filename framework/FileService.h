@@ -7,6 +7,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace kestrin::file_common::v1 {
 
@@ -14,6 +15,8 @@ namespace kestrin::file_common::v1 {
 struct FileInfo {
     explicit FileInfo(const std::u16string& filePath)
         : path(filePath) {}
+    explicit FileInfo(std::u16string&& filePath) noexcept
+        : path(std::move(filePath)) {}
 
     std::u16string path;
     bool flag = false;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <unistd.h>
 
 namespace ost::filesystem {
@@ -20,7 +21,13 @@ std::u16string get_current_path() {
     // question costs the system call and no allocation.
     char onStack[PATH_MAX];
     if (::getcwd(onStack, sizeof onStack) != nullptr) {
-        return i18n::to_ustring(onStack, fromUtf8);
+        const std::string_view path(onStack);
+        // ASCII reads the same in UTF-16: no 8-bit copy on the way.
+        if (std::all_of(path.begin(), path.end(),
+                        [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+            return std::u16string(path.begin(), path.end());
+        }
+        return i18n::to_ustring(std::string(path), fromUtf8);
     }
     std::unique_ptr<char, decltype(&std::free)> cwd(nullptr, &std::free);
     if (errno == ERANGE) {

@@ -8,10 +8,12 @@
 //   byte 1     number of marker bytes
 //   bytes 2-3  start of the searches: below 0x8000 from the front, otherwise counted back
 //              from the end (wrapping past 0 to a huge start); 0xffff is SIZE_MAX
-//   byte 4     terminator size handed to the header-end search (only its size is used)
+//   byte 4     terminator size handed to the header-end search (only its size is used), and
+//              the first window of the one-pass search and cut
 //   bytes 5-6  start of the cut, bytes 7-8 its length, both reduced to fit the body
 //   then the marker bytes, then the body
 #include "common/DataBuffer.h"
+#include "file_upload/BoundaryScan.h"
 #include "file_upload/MultipartUploadServiceImpl.h"
 #include "fuzz/support/ReferenceMultipart.h"
 
@@ -113,6 +115,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         expectEqual("boundary start", fastBegin, plainBegin);
         expectEqual("boundary end", fastEnd, plainEnd);
         expectSameBuffer("body after the boundary search", fastBody, plainBody);
+    }
+    if (usualMarker && markerBytes > 0 && start <= bodySize) {
+        // The one-pass search and cut against the search, then the cut from the same start.
+        // Small windows (byte 4 picks one) reach the block edges with small inputs.
+        const size_t probeSize = 2 + input.byte(4) % 96;
+        DataBuffer fastBody = makeBuffer(bodyBytes, bodySize, spare);
+        DataBuffer plainBody = makeBuffer(bodyBytes, bodySize, spare);
+        DataBuffer fastPart;
+        DataBuffer plainPart;
+        const auto [fastBegin, fastEnd, fastFound] = kestrin::file_upload::v1::findBoundaryAndCut(
+            start, fastBody, marker, fastPart, probeSize);
+        const auto [plainBegin, plainEnd, plainFound] =
+            reference::findBoundaryMarkerIndex(start, plainBody, DataBuffer(marker));
+        expectEqual("cut: boundary found", fastFound, plainFound);
+        expectEqual("cut: boundary start", fastBegin, plainBegin);
+        expectEqual("cut: boundary end", fastEnd, plainEnd);
+        expectSameBuffer("cut: body", fastBody, plainBody);
+        if (plainFound) {
+            reference::extractDataFromRequest(start, plainBegin, plainBody, plainPart);
+            expectSameBuffer("cut: part", fastPart, plainPart);
+        }
     }
     {
         const DataBuffer terminator(std::string("\r\n\r\nxxxxxxxx").substr(0, input.byte(4) % 12));

@@ -1,3 +1,4 @@
+#include "file_upload/BoundaryScan.h"
 #include "file_upload/MultipartUploadServiceImpl.h"
 #include "fuzz/support/ReferenceMultipart.h"
 #include "tests/file_upload/support/RecordingFileService.h"
@@ -6,11 +7,14 @@
 
 #include <cstdint>
 #include <random>
+#include <string.h>
 #include <string>
 #include <utility>
 #include <vector>
 
 using kestrin::common::DataBuffer;
+using kestrin::file_upload::v1::findBoundaryAndCut;
+using kestrin::file_upload::v1::findOccurrenceBy16;
 using kestrin::file_upload::v1::MultipartUploadServiceImpl;
 using kestrin::testing::bytesOf;
 namespace reference = kestrin::testing::reference;
@@ -76,7 +80,106 @@ std::vector<size_t> startsFor(size_t size, size_t patternSize, std::mt19937& ran
     return starts;
 }
 
+// The one-pass search and cut against the plain search followed by the plain cut from the
+// same start: the same match, body storage, and part bytes, size and capacity.
+void expectSameCut(const std::string& markerText, const std::string& text, size_t start,
+                   size_t probeSize, size_t spare) {
+    const DataBuffer marker(markerText);
+    DataBuffer fastBody = makeBody(text, spare);
+    DataBuffer plainBody = makeBody(text, spare);
+    DataBuffer fastPart;
+    DataBuffer plainPart;
+    const auto got = findBoundaryAndCut(start, fastBody, marker, fastPart, probeSize);
+    const auto want = reference::findBoundaryMarkerIndex(start, plainBody, DataBuffer(marker));
+    const auto where = [&] {
+        return "marker " + testing::PrintToString(markerText) + " body " +
+               testing::PrintToString(text) + " start " + std::to_string(start) + " probe " +
+               std::to_string(probeSize);
+    };
+    ASSERT_EQ(got, want) << where();
+    ASSERT_EQ(fastBody.getCapacity(), plainBody.getCapacity()) << where();
+    if (std::get<2>(want)) {
+        reference::extractDataFromRequest(start, std::get<0>(want), plainBody, plainPart);
+        ASSERT_EQ(fastPart.getSize(), plainPart.getSize()) << where();
+        ASSERT_EQ(fastPart.getCapacity(), plainPart.getCapacity()) << where();
+        ASSERT_EQ(bytesOf(fastPart), bytesOf(plainPart)) << where();
+    }
+}
+
 } // namespace
+
+TEST(MultipartScanDifferential, occurrenceSearchesOfEveryWidthAgreeWithMemmem) {
+    // Needles from two bytes to past the vector limit, in texts of pieces of the needle, so
+    // that near misses and matches fall on every offset of the 16- and 64-byte steps.
+    std::mt19937 random(2718);
+    for (int round = 0; round < 3000; ++round) {
+        const size_t needleSize = std::uniform_int_distribution<size_t>(2, 300)(random);
+        std::string needle;
+        for (size_t k = 0; k < needleSize; ++k) {
+            needle += "ab-\r"[std::uniform_int_distribution<int>(0, 3)(random)];
+        }
+        const std::string text = randomBody(random, piecesFor(needle), 600);
+        const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+        const auto* pattern = reinterpret_cast<const uint8_t*>(needle.data());
+        const void* expected = ::memmem(bytes, text.size(), pattern, needle.size());
+        ASSERT_EQ(findOccurrenceBy16(bytes, text.size(), pattern, needle.size()), expected)
+            << testing::PrintToString(needle) << " in " << testing::PrintToString(text);
+#if defined(__x86_64__) && defined(__GNUC__)
+        if (__builtin_cpu_supports("avx2") && needle.size() <= 256 &&
+            text.size() >= needle.size()) {
+            ASSERT_EQ(kestrin::file_upload::v1::findOccurrenceBy32(bytes, text.size(), pattern,
+                                                                   needle.size()),
+                      expected)
+                << testing::PrintToString(needle) << " in " << testing::PrintToString(text);
+        }
+#endif
+    }
+}
+
+TEST(MultipartScanDifferential, cutWhileSearchingAgreesWithSearchThenCut) {
+    const std::vector<std::string> markers = {"\r\n--xyz",
+                                              "\r\n--a",
+                                              "\r\n---",
+                                              "\r\n--x-x",
+                                              "\r\n------WebKitFormBoundary7MA4YWxkTrZu0gW",
+                                              "\r\n--" + std::string(300, 'b') + "z"};
+    std::mt19937 random(4711);
+    for (const std::string& markerText : markers) {
+        const std::vector<std::string> pieces = piecesFor(markerText);
+        const std::string shortForm = markerText.substr(2);
+        // Near misses everywhere, and the marker (whole, or short) at every offset, so that
+        // it straddles the end of the probe and every edge of the copied blocks; small probes
+        // bring those edges within reach of small bodies.
+        std::string filler;
+        while (filler.size() < 400) {
+            filler += pieces[std::uniform_int_distribution<size_t>(0, pieces.size() - 1)(random)];
+        }
+        for (size_t at = 0; at <= 300; ++at) {
+            const std::string& inserted = at % 2 == 0 ? markerText : shortForm;
+            const std::string text = filler.substr(0, at) + inserted + filler.substr(at, 70);
+            for (size_t probeSize : {2, 3, 18, 40}) {
+                for (size_t start : {size_t{0}, size_t{1}, size_t{5}}) {
+                    expectSameCut(markerText, text, start, probeSize, at % 3);
+                }
+            }
+        }
+        // The marker as the very last bytes, and the short form there, which is not found.
+        for (size_t length = 0; length <= 260; length += 7) {
+            for (const std::string& tail : {markerText, shortForm, shortForm + "-"}) {
+                expectSameCut(markerText, filler.substr(0, length) + tail, 0, 2, 0);
+            }
+        }
+        // Bodies of random shape, long enough for the capacity to double several times.
+        for (int round = 0; round < 200; ++round) {
+            const std::string text = randomBody(random, pieces, 2500);
+            const size_t probeSize = std::uniform_int_distribution<size_t>(0, 80)(random);
+            const size_t start = std::uniform_int_distribution<size_t>(0, 40)(random);
+            if (start + markerText.size() <= text.size()) {
+                expectSameCut(markerText, text, start, probeSize, round % 5);
+            }
+        }
+    }
+}
 
 TEST(MultipartScanDifferential, boundarySearchAgreesWithThePlainScan) {
     MultipartUploadServiceImpl service;

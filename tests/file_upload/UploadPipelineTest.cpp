@@ -242,6 +242,49 @@ TEST(UploadPipeline, callsTheServiceThroughItsInterfaceOnTheBlocksOfABrowserBody
     EXPECT_EQ(files->writes().size(), 2u);
 }
 
+TEST(UploadPipeline, partsCutWhileSearchingAreThosePassedThroughEveryCall) {
+    // Long parts full of near-delimiters, so that the one-pass search and cut our own service
+    // gets copies many blocks; a logging service gets the separate calls. Both must store the
+    // same bytes and fail the same way.
+    std::string nearMisses;
+    for (size_t k = 0; nearMisses.size() < 70000; ++k) {
+        // Any byte after a piece of the delimiter, except the one that would complete it.
+        const char next = static_cast<char>(k * 131);
+        nearMisses += std::string("\r\n--XyZ").substr(0, k % 7) + (next == 'Z' ? 'z' : next);
+    }
+    ASSERT_EQ(nearMisses.find("--XyZ"), std::string::npos);
+    const std::string bodies[] = {
+        filePart("near", nearMisses) + filePart("small", "x") + "--XyZ--",
+        filePart("crlf", nearMisses + "\r\n") + "--XyZ--\r\n",
+        filePart("power", nearMisses.substr(0, 65536)) + "--XyZ--",
+        // The delimiter without its line break in front ends the part all the same.
+        "--XyZ\r\nContent-Disposition: form-data; filename=bare\r\n\r\n" +
+            nearMisses.substr(0, 40000) + "x--XyZ--",
+        filePart("cut short", nearMisses),
+        filePart("last bytes", nearMisses) + "--XyZ",
+    };
+    for (const std::string& body : bodies) {
+        SCOPED_TRACE(body.substr(0, 60));
+        Upload fused;
+        const std::string fusedFailure = fused.failure(body);
+        auto files = std::make_shared<RecordingFileService>();
+        LoggingService separate;
+        std::string separateFailure;
+        try {
+            DataBuffer buffer(body);
+            runUploadPipeline(files, separate, DataBuffer("\r\n--XyZ"), buffer);
+        } catch (const std::runtime_error& error) {
+            separateFailure = error.what();
+        }
+        EXPECT_EQ(fusedFailure, separateFailure);
+        ASSERT_EQ(fused.files->writes().size(), files->writes().size());
+        for (size_t k = 0; k < files->writes().size(); ++k) {
+            EXPECT_EQ(fused.files->writes()[k].path, files->writes()[k].path);
+            EXPECT_TRUE(fused.files->writes()[k].bytes == files->writes()[k].bytes) << k;
+        }
+    }
+}
+
 TEST(UploadPipeline, eachPartGoesWhereTheWorkingDirectoryIsWhenItIsStored) {
     // Back to where the test started, and no directory left behind, however it ends.
     struct Directories {
