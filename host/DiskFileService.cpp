@@ -11,6 +11,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -528,6 +529,35 @@ int DiskFileService::openTemporary(std::string& path) const {
 }
 
 int DiskFileService::syncDirectoryEntries() const {
+    std::unique_lock<std::mutex> lock(syncs.mutex);
+    // A sync already under way may have read the directory before this caller's renames; the
+    // next one to start covers them, and everyone who arrives before it starts.
+    const std::uint64_t batch = syncs.started + 1;
+    ++syncs.outcomes[batch].waiting;
+    while (syncs.finished < batch) {
+        if (!syncs.running && syncs.started < batch) {
+            syncs.running = true;
+            syncs.started = batch;
+            lock.unlock();
+            const int error = syncDirectoryNow();
+            lock.lock();
+            syncs.running = false;
+            syncs.finished = batch;
+            syncs.outcomes[batch].error = error;
+            syncs.done.notify_all();
+        } else {
+            syncs.done.wait(lock);
+        }
+    }
+    const auto outcome = syncs.outcomes.find(batch);
+    const int error = outcome->second.error;
+    if (--outcome->second.waiting == 0) {
+        syncs.outcomes.erase(outcome);
+    }
+    return error;
+}
+
+int DiskFileService::syncDirectoryNow() const {
     // Opened by name each time: a descriptor kept open would go on syncing the old directory
     // after the upload directory was removed and made again.
     FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -106,7 +107,11 @@ private:
     std::string moveIntoPlace(const std::string& temp, const Job& job) const;
     int moveWithoutReplacing(const std::string& temp, const std::string& target) const;
     std::string targetName(const std::u16string& path) const;
-    int syncDirectoryEntries() const; // 0, or the errno of the failure
+    // Makes the directory entries made so far durable: 0, or the errno of the failure. Callers
+    // that come while a sync runs share the next one, so many requests finishing at once cost
+    // the disk two syncs, not one each.
+    int syncDirectoryEntries() const;
+    int syncDirectoryNow() const; // one sync, unshared
     // Creates a new temporary file for writing; its path goes to path. The descriptor, or -1
     // with errno set.
     int openTemporary(std::string& path) const;
@@ -118,6 +123,20 @@ private:
     MoveFile moveFile;
     std::unique_ptr<InstanceOwner> owner; // released after the writers have stopped
     bool fixPermissions = true;           // the umask takes bits of 0644 from new files
+    // The directory syncs: numbered in the order they start, one at a time.
+    struct DirectorySyncs {
+        struct Outcome {
+            int error = 0;
+            int waiting = 0; // callers yet to read it
+        };
+        std::mutex mutex;
+        std::condition_variable done;
+        std::uint64_t started = 0;
+        std::uint64_t finished = 0;
+        bool running = false;
+        std::map<std::uint64_t, Outcome> outcomes;
+    };
+    mutable DirectorySyncs syncs;
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<Job> queue;
