@@ -20,10 +20,6 @@ namespace {
 
 using common::DataBuffer;
 
-constexpr uint8_t cr = '\r';
-constexpr uint8_t lf = '\n';
-constexpr uint8_t dash = '-';
-
 // Needles longer than this go to memmem, which stays linear whatever the input.
 constexpr size_t longNeedle = 256;
 

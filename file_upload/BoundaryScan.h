@@ -11,6 +11,11 @@ namespace kestrin::file_upload::v1 {
 // The boundary search's building blocks, shared by the upload service object and the
 // pipeline. Stateless; any thread may call them on buffers it alone uses.
 
+// The bytes that delimiters and header blocks are made of.
+inline constexpr uint8_t cr = '\r';
+inline constexpr uint8_t lf = '\n';
+inline constexpr uint8_t dash = '-';
+
 // Start, index just past the match, found flag; not found is (SIZE_MAX, SIZE_MAX, false).
 using BoundaryMatch = std::tuple<size_t, size_t, bool>;
 inline constexpr BoundaryMatch noBoundary{SIZE_MAX, SIZE_MAX, false};

@@ -15,9 +15,6 @@ namespace {
 
 using common::DataBuffer;
 
-constexpr uint8_t cr = '\r';
-constexpr uint8_t lf = '\n';
-constexpr uint8_t dash = '-';
 constexpr size_t blankLineSize = 4;
 
 // Any other marker, byte by byte. A marker shorter than three bytes has no short form, and
