@@ -6,10 +6,11 @@
 namespace kestrin::host {
 
 BodyBufferPool::BodyBufferPool(std::size_t limitBytes, std::size_t smallestBytes,
-                               MemoryBudget* memoryBudget)
+                               MemoryBudget* memoryBudget, std::function<Clock::time_point()> now)
     : limit(limitBytes)
     , smallest(smallestBytes)
     , budget(memoryBudget)
+    , clock(std::move(now))
     , keptCharge(memoryBudget != nullptr ? memoryBudget->empty() : MemoryBudget::Reservation()) {}
 
 common::DataBuffer BodyBufferPool::take(std::size_t size, MemoryBudget::Reservation* charge) {
@@ -22,15 +23,15 @@ common::DataBuffer BodyBufferPool::take(std::size_t size, MemoryBudget::Reservat
         std::lock_guard<std::mutex> guard(mutex);
         auto best = kept.end();
         for (auto it = kept.begin(); it != kept.end(); ++it) {
-            if (it->getCapacity() >= size &&
-                (best == kept.end() || it->getCapacity() < best->getCapacity())) {
+            if (it->buffer.getCapacity() >= size &&
+                (best == kept.end() || it->buffer.getCapacity() < best->buffer.getCapacity())) {
                 best = it;
             }
         }
         if (best == kept.end()) {
             return taken;
         }
-        taken.swap(*best);
+        taken.swap(best->buffer);
         kept.erase(best);
         keptTotal -= taken.getCapacity();
         if (budget != nullptr) {
@@ -51,6 +52,7 @@ void BodyBufferPool::give(common::DataBuffer&& buffer, MemoryBudget::Reservation
     if (given.bytes() == nullptr || capacity < smallest) {
         return;
     }
+    const Clock::time_point now = clock();
     // A buffer not kept is freed after the lock is let go: given outlives the guard.
     std::lock_guard<std::mutex> guard(mutex);
     if (capacity > limit - keptTotal) {
@@ -66,22 +68,41 @@ void BodyBufferPool::give(common::DataBuffer&& buffer, MemoryBudget::Reservation
             charge->moveTo(keptCharge, carried);
         }
     }
-    kept.push_back(std::move(given));
+    kept.push_back(Kept{std::move(given), now});
     keptTotal += capacity;
 }
 
 void BodyBufferPool::reclaim(std::size_t needed) {
-    std::vector<common::DataBuffer> freed;
+    std::vector<Kept> freed;
     {
         std::lock_guard<std::mutex> guard(mutex);
-        std::sort(kept.begin(), kept.end(),
-                  [](const auto& a, const auto& b) { return a.getCapacity() > b.getCapacity(); });
+        std::sort(kept.begin(), kept.end(), [](const Kept& a, const Kept& b) {
+            return a.buffer.getCapacity() > b.buffer.getCapacity();
+        });
         std::size_t released = 0;
         while (!kept.empty() && released < needed) {
-            released += kept.front().getCapacity();
+            released += kept.front().buffer.getCapacity();
             freed.push_back(std::move(kept.front()));
             kept.erase(kept.begin());
         }
+        keptTotal -= released;
+        keptCharge.shrink(released);
+    }
+}
+
+void BodyBufferPool::releaseIdle(Clock::duration idle) {
+    std::vector<Kept> freed;
+    const Clock::time_point now = clock();
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        const auto stale = std::stable_partition(
+            kept.begin(), kept.end(), [&](const Kept& entry) { return now - entry.since < idle; });
+        std::size_t released = 0;
+        for (auto it = stale; it != kept.end(); ++it) {
+            released += it->buffer.getCapacity();
+            freed.push_back(std::move(*it));
+        }
+        kept.erase(stale, kept.end());
         keptTotal -= released;
         keptCharge.shrink(released);
     }

@@ -347,8 +347,9 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
                config.maxMemory = bytes;
            });
     option("keep-body-memory", "SIZE",
-           "memory of finished request bodies (each of 1M or more) kept to receive later bodies "
-           "into, within --max-memory (default 512M; 0 frees each body)",
+           "memory of finished request bodies and their parts (each of 1M or more) kept for "
+           "later uploads, within --max-memory, freed after a minute unused (default 1G; 0 "
+           "frees each one at once)",
            size(server.keptBodyBytes, 0));
     option("max-files", "N",
            "files one request may store (default 1000); the next is refused with a 400 result "

@@ -299,6 +299,9 @@ Future<file_common::v1::FileInfo> DiskFileService::writeFile(file_common::v1::Fi
         // A request's own thread waits for its write at once: handing the write to a writer
         // would only add two thread switches to every file.
         complete(job);
+        if (activeScope->spent) {
+            activeScope->spent(std::move(job.file.content));
+        }
         return future;
     }
     {

@@ -180,6 +180,11 @@ public:
     // taken are not: the client caused them, and their text reaches the client.
     std::vector<std::string> failures() const;
 
+    // Where the storage of each file this request writes goes once the write is over, stored
+    // or not, instead of being freed: the server keeps large blocks for later requests. A name
+    // refused before any writing frees its file as before. Called on the scope's thread.
+    void keepStorage(std::function<void(common::DataBuffer&&)> take) { spent = std::move(take); }
+
     // Bounds what one scope keeps of stored() and failures(), whatever maxFiles is.
     static constexpr std::size_t recordLimit = 100;
 
@@ -191,6 +196,7 @@ private:
     std::shared_ptr<ScopeState> state; // shared with the writers of this scope's files
     bool finished = false;
     std::string failure; // why finish() failed, empty when it did not
+    std::function<void(common::DataBuffer&&)> spent;
 };
 
 } // namespace kestrin::host

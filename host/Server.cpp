@@ -481,7 +481,7 @@ private:
         target.clear();
         directLength = 0;
         directRead = 0;
-        releaseWarmPages();
+        partMemoryUnused();
         verdict = Verdict();
         partCheck.reset();
         discardParser.reset();
@@ -674,21 +674,48 @@ private:
         directLength = length;
         directRead = 0;
         if (!discardParser && length >= WarmPages::worthFrom) {
-            warm = WarmPages::map(length);
-            if (warm) {
-                net::post(shared->services, [pages = warm] { pages->touch(); });
-            }
+            readyPartMemory(length);
         }
         doReadDirect();
     }
 
-    // The touching stops and the memory goes back to the system: the part is about to be
-    // made, or the request ended without one.
-    void releaseWarmPages() {
+    // The module cuts a large part into a fresh block once the body is in, and a fresh page
+    // costs a fault; on a virtual machine, a page the system has not used for a while costs
+    // several times more, as the host must back it again. So while the body arrives, memory of
+    // about the part's size is made ready: kept storage of a finished part when there is some,
+    // else fresh pages touched by a service thread. Either is handed back just before the
+    // module cuts the part (partMemoryDue), and its pages, just freed and still backed, are the
+    // ones the part's block gets. It holds the part's place in the request's memory charge.
+    void readyPartMemory(std::size_t length) {
+        standIn = shared->bodies.take(length / 2, &verdict.charge);
+        if (standIn.getCapacity() > 0) {
+            return;
+        }
+        warm = WarmPages::map(length);
+        if (warm) {
+            net::post(shared->services, [pages = warm] { pages->touch(); });
+        }
+    }
+
+    // The part is about to be cut: its memory goes back to the system now.
+    void partMemoryDue() {
         if (warm) {
             warm->release();
             warm.reset();
         }
+        if (standIn.getCapacity() > 0) {
+            verdict.charge.shrink(standIn.getCapacity());
+            common::DataBuffer().swap(standIn);
+        }
+    }
+
+    // The request ended without a part: kept storage goes back where it came from.
+    void partMemoryUnused() {
+        if (warm) {
+            warm->release();
+            warm.reset();
+        }
+        shared->bodies.give(std::move(standIn), &verdict.charge);
     }
 
     // Where the next body bytes go: their place in the body, or, on the discard route, a
@@ -784,7 +811,7 @@ private:
         keepAlive = request.keep_alive();
         bytesIn = request.body().getSize();
         shared->inService.fetch_add(1);
-        releaseWarmPages();
+        partMemoryDue();
 
         // The guard keeps the IO threads running until the reply has been handed back.
         auto call = [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
@@ -801,6 +828,10 @@ private:
                 std::optional<DiskFileService::RequestScope> scope;
                 if (state.parts.files) {
                     scope.emplace(*state.parts.files, state.options.maxFiles);
+                    // A large part's block, once stored, is the next large part's stand-in.
+                    scope->keepStorage([&state, &charge](common::DataBuffer&& block) {
+                        state.bodies.give(std::move(block), &charge);
+                    });
                 }
                 reply =
                     RequestDispatcher::callService(*destination.provider, destination.address,
@@ -1089,6 +1120,7 @@ private:
     std::size_t directRead = 0;              // how much of it has arrived
     std::unique_ptr<std::uint8_t[]> scratch; // where the discard route drops its bytes
     std::shared_ptr<WarmPages> warm;         // the coming part's memory, made ready
+    common::DataBuffer standIn;              // or kept storage standing in for it
     unsigned version = 11;
     bool keepAlive = false;
     bool requestRead = false;     // the whole request, body included, has been consumed
@@ -1417,12 +1449,13 @@ struct Server::State {
         return live;
     }
 
-    // Once a second: the counted connection events go to the log, and after a burst of
-    // uploads, once none is in service, the allocator hands its free memory back. On the
-    // control strand.
+    // Once a second: the counted connection events go to the log, kept storage unused for a
+    // minute is freed, and after a burst of uploads, once none is in service, the allocator
+    // hands its free memory back. On the control strand.
     void report(Clock::time_point last) {
         const Clock::time_point now = Clock::now();
         shared->events.flush(now - last);
+        shared->bodies.releaseIdle(std::chrono::minutes(1));
         if (shared->inService.load() == 0 && shared->trimDue.exchange(false)) {
             net::post(shared->services, [] { ::malloc_trim(0); });
         }

@@ -43,9 +43,11 @@ struct ServerOptions {
     std::chrono::seconds stopDelay{0};
     std::size_t maxFiles = 1000; // files one request may store
     std::vector<std::string> allowedOrigins;
-    // Request-body storage kept for later requests once its request is done, in bytes: a
-    // large upload then lands in memory whose pages exist already. 0 frees every body.
-    std::uint64_t keptBodyBytes = std::uint64_t{512} << 20;
+    // Storage of request bodies and of the parts cut out of them, kept for later requests
+    // once its request is done, in bytes: a large upload then lands in memory whose pages
+    // exist already. Room for one 256 MiB upload's body and part with some to spare. Storage
+    // not taken again within a minute is freed. 0 frees every body and part.
+    std::uint64_t keptBodyBytes = std::uint64_t{1} << 30;
     // A path whose requests are read and dropped without reaching any service, answered 200:
     // the floor the upload path is measured against. Empty: no such route.
     std::string discardRoute;

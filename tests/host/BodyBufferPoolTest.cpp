@@ -1,5 +1,7 @@
 #include "host/BodyBufferPool.h"
 
+#include "host/MemoryBudget.h"
+
 #include <gtest/gtest.h>
 
 namespace kestrin::host {
@@ -50,6 +52,34 @@ TEST(BodyBufferPool, keepsNothingSmallNothingOverTheLimitAndNothingWithALimitOfZ
     BodyBufferPool none(0, 1);
     none.give(withCapacity(300));
     EXPECT_EQ(none.keptBytes(), 0u);
+}
+
+TEST(BodyBufferPool, handsBackOnlyWhatStayedUntakenForTheIdleTimeWithItsCharge) {
+    using namespace std::chrono_literals;
+    MemoryBudget budget(10000);
+    BodyBufferPool::Clock::time_point now{};
+    BodyBufferPool pool(1000, 10, &budget, [&now] { return now; });
+    pool.give(withCapacity(300));
+    now += 40s;
+    pool.give(withCapacity(200));
+    pool.give(withCapacity(100));
+    EXPECT_EQ(budget.used(), 600u);
+
+    // Taking and giving back starts a buffer's idle time again.
+    now += 10s;
+    common::DataBuffer again = pool.take(150);
+    ASSERT_EQ(again.getCapacity(), 200u);
+    pool.give(std::move(again));
+
+    now += 20s; // kept 70 s, 30 s, 20 s
+    pool.releaseIdle(60s);
+    EXPECT_EQ(pool.keptBytes(), 300u);
+    EXPECT_EQ(budget.used(), 300u);
+    EXPECT_EQ(pool.take(250).bytes(), nullptr);
+    pool.releaseIdle(30s);
+    EXPECT_EQ(pool.keptBytes(), 200u);
+    EXPECT_EQ(pool.take(150).getCapacity(), 200u);
+    EXPECT_EQ(budget.used(), 0u);
 }
 
 } // namespace

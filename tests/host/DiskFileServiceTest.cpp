@@ -334,6 +334,32 @@ TEST_F(DiskFileServiceTest, aRequestScopeStoresAtMostItsLimitAndSyncsTheDirector
     EXPECT_EQ(contents(uploads / "kept"), "k");
 }
 
+// The server keeps a large part's block for the next request, so a scope hands each file's
+// storage on, the very block the file arrived in, whether or not the file could be stored.
+TEST_F(DiskFileServiceTest, aScopeHandsOnTheStorageOfEveryFileItWrote) {
+    DiskFileService service(uploads.string(), 1, countingSync(), ConflictPolicy::refuse);
+    std::vector<common::DataBuffer> handed;
+    std::vector<const uint8_t*> blocks;
+    auto writeTracked = [&](const std::string& name, const std::string& bytes) {
+        common::DataBuffer content(bytes);
+        blocks.push_back(content.bytes());
+        return service.writeFile(File(FileInfo(in(name)), std::move(content)), false);
+    };
+    {
+        RequestScope scope(service, 5);
+        scope.keepStorage([&](common::DataBuffer&& block) { handed.push_back(std::move(block)); });
+        writeTracked("a", "first").get();
+        EXPECT_THROW(writeTracked("a", "second").get(), std::runtime_error);
+    }
+    writeTracked("b", "outside").get();
+    ASSERT_EQ(handed.size(), 2u);
+    for (size_t i = 0; i < handed.size(); ++i) {
+        EXPECT_EQ(handed[i].bytes(), blocks[i]);
+    }
+    EXPECT_EQ(std::string(handed[1].bytes(), handed[1].bytes() + handed[1].getSize()), "second");
+    EXPECT_EQ(contents(uploads / "a"), "first");
+}
+
 // The module writes on the request's thread, so a scope binds only that thread, and only for
 // the service it was made for.
 TEST_F(DiskFileServiceTest, aRequestScopeCountsOnlyItsOwnThreadsWritesToItsService) {
