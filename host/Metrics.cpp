@@ -53,10 +53,12 @@ struct Metrics::State {
     prometheus::Family<prometheus::Gauge>& memory =
         prometheus::BuildGauge()
             .Name("kestrin_memory_bytes")
-            .Help("Memory of request bodies and their parts: in use, and the budget")
+            .Help("Memory of request bodies and their parts: in use, of that kept for later "
+                  "uploads, and the budget")
             .Register(registry);
     prometheus::Gauge& memoryInUse = memory.Add({{"kind", "in_use"}});
     prometheus::Gauge& memoryBudget = memory.Add({{"kind", "budget"}});
+    prometheus::Gauge& memoryKept = memory.Add({{"kind", "kept"}});
     prometheus::Family<prometheus::Gauge>& connections =
         prometheus::BuildGauge()
             .Name("kestrin_connections")
@@ -104,6 +106,7 @@ void Metrics::filesStored(std::uint64_t files, std::uint64_t bytes) {
 std::string Metrics::scrape(const Snapshot& now) {
     state->memoryInUse.Set(static_cast<double>(now.memoryInUse));
     state->memoryBudget.Set(static_cast<double>(now.memoryBudget));
+    state->memoryKept.Set(static_cast<double>(now.memoryKept));
     state->connectionsOpen.Set(static_cast<double>(now.connections));
     state->connectionLimit.Set(static_cast<double>(now.connectionLimit));
     std::ostringstream out;

@@ -33,6 +33,7 @@ public:
     struct Snapshot {
         std::uint64_t memoryInUse = 0;
         std::uint64_t memoryBudget = 0;
+        std::uint64_t memoryKept = 0; // of memoryInUse: storage kept for later uploads
         std::uint64_t connections = 0;
         std::uint64_t connectionLimit = 0;
     };

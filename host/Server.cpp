@@ -225,7 +225,8 @@ struct Shared {
             };
         }
         served.metrics = [this] {
-            return metrics.scrape(Metrics::Snapshot{budget.used(), budget.limit(), table.size(),
+            return metrics.scrape(Metrics::Snapshot{budget.used(), budget.limit(),
+                                                    bodies.keptBytes(), table.size(),
                                                     options.maxConnections});
         };
         served.metricsType = std::string(Metrics::contentType);

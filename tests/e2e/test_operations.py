@@ -350,8 +350,9 @@ class MetricsTest(OperationsTestCase):
                 # Kept: the last body's storage, of exactly its size, and its part's, which the
                 # module grew by doubling.
                 part = 1 << (size - 1).bit_length()
-                self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="in_use"),
-                                 len(body) + part if keep != "0" else 0)
+                kept = len(body) + part if keep != "0" else 0
+                self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="kept"), kept)
+                self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="in_use"), kept)
 
 class ConflictTest(OperationsTestCase):
     def test_a_name_already_taken_is_replaced_refused_or_renamed_as_configured(self):
