@@ -10,7 +10,10 @@ switched on) and measures:
   same bytes written to a file in the upload directory and fsync'ed (disk);
 - many small uploads (2,000 of 4 KiB) over 16 keep-alive connections, sent by a C++ client
   (bench/small_upload_client.cpp): uploads per second and p50/p99 latency, beside the same load
-  to the discard route and the client's own ceiling (uploads per second of its CPU time).
+  to the discard route, the client's own ceiling (uploads per second of its CPU time), and the
+  filesystem's own floor for small files (bench/small_file_floor.cpp: as many files of the same
+  size written, fsync'ed, renamed and their directory fsync'ed by 16 threads, no HTTP at all,
+  once with a directory sync per file and once with none).
 
 Each large measurement runs --repeat times. A floor is the fastest of its runs (it is what the
 machine can do; a slow run only says the machine was busy or its memory cold), the upload is
@@ -144,10 +147,23 @@ def small_uploads(client, server, path, count, connections, size, prefix):
     return result
 
 
+def small_file_floor(floor, directory, count, threads, size, directory_sync):
+    """Files per second the filesystem takes, stored as the server stores an upload."""
+    os.mkdir(directory)
+    done = subprocess.run(
+        [floor, "--dir", directory, "--count", str(count), "--threads", str(threads),
+         "--size", str(size), "--directory-sync", directory_sync],
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=180)
+    if done.returncode != 0:
+        raise SystemExit("small-file floor failed: %s" % done.stderr.strip())
+    return json.loads(done.stdout)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--server", required=True, help="the kestrin-upload-server binary")
     parser.add_argument("--client", required=True, help="the small_upload_client binary")
+    parser.add_argument("--floor", required=True, help="the small_file_floor binary")
     parser.add_argument("--size-mib", type=int, default=256, help="large upload size (256)")
     parser.add_argument("--repeat", type=int, default=5, help="runs of each large measurement (5)")
     parser.add_argument("--small-count", type=int, default=2000, help="small uploads (2000)")
@@ -186,6 +202,10 @@ def main():
         # The same load to the discard route first: what the client and the HTTP layer manage
         # without the module or the disk, so a server figure near it would be the client's.
         discard = small_uploads(args.client, server, DISCARD_ROUTE, *small_args, "discard")
+        # The filesystem alone, beside the upload directory, on the same disk: first, so that
+        # neither it nor the server works among inodes the other just freed.
+        floors_small = [small_file_floor(args.floor, os.path.join(work, "floor-" + mode),
+                                         *small_args, mode) for mode in ("each", "none")]
         small = small_uploads(args.client, server, "/users", *small_args, "small")
 
         net_s, disk_s, up_s = min(network), min(disk), statistics.median(upload)
@@ -208,6 +228,12 @@ def main():
              "%.0f /s" % small["rate"], "%.2f s total" % small["elapsed"]),
             ("small upload latency p50 / p99", "%.1f ms" % (small["p50"] * 1000),
              "%.1f ms" % (small["p99"] * 1000)),
+            ("small-file floor: the same files, no HTTP, directory sync each",
+             "%.0f /s" % floors_small[0]["rate"], "%.0f us CPU each" % floors_small[0]["cpu_us"]),
+            ("the same without directory syncs (all sharing could give)",
+             "%.0f /s" % floors_small[1]["rate"], "%.0f us CPU each" % floors_small[1]["cpu_us"]),
+            ("small uploads / small-file floor", "%.2f" % (small["rate"] / floors_small[0]["rate"]),
+             "%.2f of the one without" % (small["rate"] / floors_small[1]["rate"])),
             ("the same to %s (client check)" % DISCARD_ROUTE, "%.0f /s" % discard["rate"],
              "client CPU ceiling %.0f /s" % small["ceiling"]),
         ]

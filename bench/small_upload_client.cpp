@@ -9,6 +9,8 @@
 // ceiling, the uploads per second of the client's own CPU time: what the client could drive
 // with a core to itself. A rate near the ceiling means the client, not the server, was the
 // limit. Exits 1 when any upload did not get a 200.
+#include "Flags.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
@@ -42,48 +44,38 @@ struct Options {
     double timeout = 120;
 };
 
-[[noreturn]] void usage(const char* why) {
+[[noreturn]] void usage(const std::string& why) {
     std::fprintf(stderr,
                  "small_upload_client: %s\nusage: small_upload_client --port P [--path /users] "
                  "[--count 2000] [--connections 16] [--size 4096] [--prefix small] "
                  "[--timeout 120]\n",
-                 why);
+                 why.c_str());
     std::exit(2);
 }
 
 Options parse(int argc, char** argv) {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string flag = argv[i];
-        if (flag == "--help") {
-            usage("many small multipart uploads over keep-alive connections");
-        }
-        if (i + 1 >= argc) {
-            usage(("no value for " + flag).c_str());
-        }
-        const std::string value = argv[++i];
-        try {
-            if (flag == "--port") {
-                options.port = std::stoi(value);
-            } else if (flag == "--path") {
-                options.path = value;
-            } else if (flag == "--count") {
-                options.count = std::stoul(value);
-            } else if (flag == "--connections") {
-                options.connections = std::stoul(value);
-            } else if (flag == "--size") {
-                options.size = std::stoul(value);
-            } else if (flag == "--prefix") {
-                options.prefix = value;
-            } else if (flag == "--timeout") {
-                options.timeout = std::stod(value);
-            } else {
-                usage(("unknown option " + flag).c_str());
-            }
-        } catch (const std::logic_error&) {
-            usage((flag + " " + value + ": not a number").c_str());
-        }
-    }
+    bench::forEachFlag(argc, argv, "many small multipart uploads over keep-alive connections",
+                       usage, [&](const std::string& flag, const std::string& value) {
+                           if (flag == "--port") {
+                               options.port = std::stoi(value);
+                           } else if (flag == "--path") {
+                               options.path = value;
+                           } else if (flag == "--count") {
+                               options.count = std::stoul(value);
+                           } else if (flag == "--connections") {
+                               options.connections = std::stoul(value);
+                           } else if (flag == "--size") {
+                               options.size = std::stoul(value);
+                           } else if (flag == "--prefix") {
+                               options.prefix = value;
+                           } else if (flag == "--timeout") {
+                               options.timeout = std::stod(value);
+                           } else {
+                               return false;
+                           }
+                           return true;
+                       });
     if (options.port <= 0 || options.port > 65535 || options.count == 0 ||
         options.connections == 0) {
         usage("--port, --count and --connections must be positive");

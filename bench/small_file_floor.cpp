@@ -1,0 +1,137 @@
+// What the upload directory's filesystem allows for many small files stored at once, with no
+// HTTP and no server: each thread writes files the way the server stores an upload (a new
+// temporary file, one write, fsync, close, rename to the file's name, fsync of the directory)
+// as fast as it can. The server cannot store small uploads faster than this on the same disk.
+//
+//   small_file_floor --dir D [--count 2000] [--threads 16] [--size 4096] [--prefix floor]
+//                    [--directory-sync each|none]
+//
+// --directory-sync none leaves the directory sync out: the most any sharing of directory syncs
+// between requests could gain. Prints one JSON object: count, elapsed, rate (files/s) and
+// cpu_us (the process's CPU time per file, the kernel's included). The files stay in D.
+#include "Flags.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Options {
+    std::string dir;
+    std::size_t count = 2000;
+    std::size_t threads = 16;
+    std::size_t size = 4096;
+    std::string prefix = "floor";
+    bool directorySync = true;
+};
+
+[[noreturn]] void usage(const std::string& why) {
+    std::fprintf(stderr,
+                 "small_file_floor: %s\nusage: small_file_floor --dir D [--count 2000] "
+                 "[--threads 16] [--size 4096] [--prefix floor] [--directory-sync each|none]\n",
+                 why.c_str());
+    std::exit(2);
+}
+
+Options parse(int argc, char** argv) {
+    Options options;
+    bench::forEachFlag(
+        argc, argv, "small files stored as the server stores uploads, with nothing else", usage,
+        [&](const std::string& flag, const std::string& value) {
+            if (flag == "--dir") {
+                options.dir = value;
+            } else if (flag == "--count") {
+                options.count = std::stoul(value);
+            } else if (flag == "--threads") {
+                options.threads = std::stoul(value);
+            } else if (flag == "--size") {
+                options.size = std::stoul(value);
+            } else if (flag == "--prefix") {
+                options.prefix = value;
+            } else if (flag == "--directory-sync" && (value == "each" || value == "none")) {
+                options.directorySync = value == "each";
+            } else {
+                return false;
+            }
+            return true;
+        });
+    if (options.dir.empty() || options.count == 0 || options.threads == 0) {
+        usage("--dir is required; --count and --threads must be positive");
+    }
+    options.threads = std::min(options.threads, options.count);
+    return options;
+}
+
+[[noreturn]] void fail(const std::string& what) {
+    std::fprintf(stderr, "small_file_floor: %s: %s\n", what.c_str(), std::strerror(errno));
+    std::exit(1);
+}
+
+void storeOne(const Options& options, const std::string& content, std::size_t index) {
+    const std::string name = options.dir + "/" + options.prefix + "-" + std::to_string(index);
+    const std::string temp = options.dir + "/.floor-tmp-" + std::to_string(index);
+    const int file = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (file < 0) {
+        fail("cannot create " + temp);
+    }
+    if (::write(file, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+        ::fsync(file) != 0 || ::close(file) != 0) {
+        fail("cannot write " + temp);
+    }
+    if (::rename(temp.c_str(), name.c_str()) != 0) {
+        fail("cannot rename " + temp);
+    }
+    if (options.directorySync) {
+        const int directory = ::open(options.dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (directory < 0 || ::fsync(directory) != 0 || ::close(directory) != 0) {
+            fail("cannot sync " + options.dir);
+        }
+    }
+}
+
+double cpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const Options options = parse(argc, argv);
+    const std::string content(options.size, 'f');
+    std::atomic<std::size_t> next{0};
+    const double cpuBefore = cpuSeconds();
+    const auto started = std::chrono::steady_clock::now();
+    std::vector<std::thread> threads;
+    for (std::size_t t = 0; t < options.threads; ++t) {
+        threads.emplace_back([&] {
+            for (std::size_t i = next++; i < options.count; i = next++) {
+                storeOne(options, content, i);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    const double elapsed =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const double cpu = cpuSeconds() - cpuBefore;
+    std::printf("{\"count\": %zu, \"elapsed\": %.6f, \"rate\": %.1f, \"cpu_us\": %.1f}\n",
+                options.count, elapsed, static_cast<double>(options.count) / elapsed,
+                cpu * 1e6 / static_cast<double>(options.count));
+    return 0;
+}
