@@ -149,10 +149,10 @@ def small_uploads(client, server, path, count, connections, size, prefix):
 
 def small_file_floor(floor, directory, count, threads, size, directory_sync):
     """Files per second the filesystem takes, stored as the server stores an upload."""
-    os.mkdir(directory)
     done = subprocess.run(
         [floor, "--dir", directory, "--count", str(count), "--threads", str(threads),
-         "--size", str(size), "--directory-sync", directory_sync],
+         "--size", str(size), "--directory-sync", directory_sync,
+         "--prefix", "floor-" + directory_sync],
         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=180)
     if done.returncode != 0:
         raise SystemExit("small-file floor failed: %s" % done.stderr.strip())
@@ -202,10 +202,11 @@ def main():
         # The same load to the discard route first: what the client and the HTTP layer manage
         # without the module or the disk, so a server figure near it would be the client's.
         discard = small_uploads(args.client, server, DISCARD_ROUTE, *small_args, "discard")
-        # The filesystem alone, beside the upload directory, on the same disk: first, so that
-        # neither it nor the server works among inodes the other just freed.
-        floors_small = [small_file_floor(args.floor, os.path.join(work, "floor-" + mode),
-                                         *small_args, mode) for mode in ("each", "none")]
+        # The filesystem alone, in the upload directory itself: how fast this disk creates files
+        # moves several-fold with how many were deleted nearby in the last minutes, so the
+        # floor must be taken where, and just before, the server's uploads land.
+        floors_small = [small_file_floor(args.floor, uploads, *small_args, mode)
+                        for mode in ("each", "none")]
         small = small_uploads(args.client, server, "/users", *small_args, "small")
 
         net_s, disk_s, up_s = min(network), min(disk), statistics.median(upload)

@@ -81,7 +81,7 @@ Options parse(int argc, char** argv) {
 
 void storeOne(const Options& options, const std::string& content, std::size_t index) {
     const std::string name = options.dir + "/" + options.prefix + "-" + std::to_string(index);
-    const std::string temp = options.dir + "/.floor-tmp-" + std::to_string(index);
+    const std::string temp = options.dir + "/." + options.prefix + "-" + std::to_string(index);
     const int file = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (file < 0) {
         fail("cannot create " + temp);
