@@ -823,15 +823,19 @@ private:
             const std::size_t bodyBytes = body.getSize();
             const auto started = Clock::now();
             common::DataBuffer returned;
+            // The one part block worth keeping: a later upload needs a single stand-in, and
+            // the largest serves the most sizes.
+            common::DataBuffer largestPart;
             Reply reply;
             Stored stored;
             {
                 std::optional<DiskFileService::RequestScope> scope;
                 if (state.parts.files) {
                     scope.emplace(*state.parts.files, state.options.maxFiles);
-                    // A large part's block, once stored, is the next large part's stand-in.
-                    scope->keepStorage([&state, &charge](common::DataBuffer&& block) {
-                        state.bodies.give(std::move(block), &charge);
+                    scope->keepStorage([&largestPart](common::DataBuffer&& block) {
+                        if (block.getCapacity() > largestPart.getCapacity()) {
+                            largestPart.swap(block);
+                        }
                     });
                 }
                 reply =
@@ -851,8 +855,9 @@ private:
                 }
             }
             state.placement.record(bodyBytes, Clock::now() - started);
-            // The body's storage stays charged while it is kept for the next request.
+            // The body's storage, then the part's, stay charged while kept for later requests.
             state.bodies.give(std::move(returned), &charge);
+            state.bodies.give(std::move(largestPart), &charge);
             charge.release();
             state.inService.fetch_sub(1);
             state.trimDue.store(true);
