@@ -9,7 +9,7 @@
 // --directory-sync none leaves the directory sync out: the most any sharing of directory syncs
 // between requests could gain. Prints one JSON object: count, elapsed, rate (files/s) and
 // cpu_us (the process's CPU time per file, the kernel's included). The files stay in D.
-#include "Flags.h"
+#include "Tool.h"
 
 #include <algorithm>
 #include <atomic>
@@ -101,20 +101,13 @@ void storeOne(const Options& options, const std::string& content, std::size_t in
     }
 }
 
-double cpuSeconds() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
     const Options options = parse(argc, argv);
     const std::string content(options.size, 'f');
     std::atomic<std::size_t> next{0};
-    const double cpuBefore = cpuSeconds();
+    const double cpuBefore = bench::cpuSeconds();
     const auto started = std::chrono::steady_clock::now();
     std::vector<std::thread> threads;
     for (std::size_t t = 0; t < options.threads; ++t) {
@@ -129,7 +122,7 @@ int main(int argc, char** argv) {
     }
     const double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    const double cpu = cpuSeconds() - cpuBefore;
+    const double cpu = bench::cpuSeconds() - cpuBefore;
     std::printf("{\"count\": %zu, \"elapsed\": %.6f, \"rate\": %.1f, \"cpu_us\": %.1f}\n",
                 options.count, elapsed, static_cast<double>(options.count) / elapsed,
                 cpu * 1e6 / static_cast<double>(options.count));

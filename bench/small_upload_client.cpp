@@ -9,7 +9,7 @@
 // ceiling, the uploads per second of the client's own CPU time: what the client could drive
 // with a core to itself. A rate near the ceiling means the client, not the server, was the
 // limit. Exits 1 when any upload did not get a 200.
-#include "Flags.h"
+#include "Tool.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -195,13 +195,6 @@ private:
     std::string buffer;
 };
 
-double cpuSeconds() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -225,7 +218,7 @@ int main(int argc, char** argv) {
     std::string firstFailure;
     const auto deadline = Clock::now() + std::chrono::duration<double>(options.timeout);
 
-    const double cpuBefore = cpuSeconds();
+    const double cpuBefore = bench::cpuSeconds();
     const auto started = Clock::now();
     std::vector<std::thread> threads;
     for (std::size_t c = 0; c < options.connections; ++c) {
@@ -269,7 +262,7 @@ int main(int argc, char** argv) {
         thread.join();
     }
     const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
-    const double cpu = cpuSeconds() - cpuBefore;
+    const double cpu = bench::cpuSeconds() - cpuBefore;
 
     std::sort(latencies.begin(), latencies.end());
     const auto at = [&](std::size_t percent) {

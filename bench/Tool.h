@@ -1,8 +1,10 @@
-// The command lines of the benchmark's helper programs: "--flag value" pairs, and --help.
+// What the benchmark's helper programs share: their command lines ("--flag value" pairs, and
+// --help) and how they measure their own CPU time.
 #pragma once
 
 #include <stdexcept>
 #include <string>
+#include <sys/resource.h>
 
 namespace bench {
 
@@ -32,6 +34,14 @@ void forEachFlag(int argc, char** argv, const char* summary, void (*usage)(const
             usage("unknown option or value: " + flag + " " + value);
         }
     }
+}
+
+// The process's CPU time so far, user and system, in seconds.
+inline double cpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 } // namespace bench
