@@ -89,6 +89,11 @@ public:
     std::set<std::string, std::less<>> onCommandLine;
 };
 
+// Help fits a terminal of 80 columns: option names take the first helpColumn, their
+// descriptions the rest.
+constexpr std::size_t helpWidth = 80;
+constexpr std::size_t helpColumn = 32;
+
 std::string wrap(const std::string& text, std::size_t width) {
     std::string wrapped;
     std::size_t lineLength = 0;
@@ -234,17 +239,17 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
     config.server.threads = cores > 0 ? cores : 1;
     Sources sources(argc, argv);
 
-    CLI::App app(
-        "Serves the kestrin file-upload module over HTTP. Files posted as multipart/form-data to\n"
-        "/users or \"/ORVANE Drive\" are stored in the upload directory; GET / serves the upload\n"
-        "page, GET /healthz the health and GET /metrics the metrics.\n\n"
-        "Every option can also be set by an environment variable (KESTRIN_ and the option's\n"
-        "name in capitals, - as _: KESTRIN_MAX_BODY=10M) or in the file given with --config\n"
-        "(one \"name = value\" a line: max-body = 10M). The command line wins over the\n"
-        "environment, which wins over the file.",
-        "kestrin-upload-server");
+    CLI::App app("Serves the kestrin file-upload module over HTTP. Files posted as\n"
+                 "multipart/form-data to /users or \"/ORVANE Drive\" are stored in the upload\n"
+                 "directory; GET / serves the upload page, GET /healthz the health and\n"
+                 "GET /metrics the metrics.\n\n"
+                 "Every option can also be set by an environment variable (KESTRIN_ and the\n"
+                 "option's name in capitals, - as _: KESTRIN_MAX_BODY=10M) or in the file given\n"
+                 "with --config (one \"name = value\" a line: max-body = 10M). The command line\n"
+                 "wins over the environment, which wins over the file.",
+                 "kestrin-upload-server");
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    app.get_formatter()->column_width(34);
+    app.get_formatter()->column_width(helpColumn);
     app.footer("SIGINT or SIGTERM stops accepting (after --stop-delay), lets requests in flight\n"
                "finish (up to --shutdown-timeout) and exits with 0.");
 
@@ -444,7 +449,7 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
 
     // Help beside the option names, wrapped to stay within a terminal's width.
     for (CLI::Option* each : app.get_options()) {
-        each->description(wrap(each->get_description(), 64));
+        each->description(wrap(each->get_description(), helpWidth - helpColumn));
     }
 
     // The file's values go in first, as defaults: the environment and the command line then

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -158,6 +159,11 @@ TEST(Configuration, flagsBeatTheEnvironmentWhichBeatsTheFileAndErrorsSayWhere) {
     const Configuration help = parse({"--help"});
     EXPECT_TRUE(help.help);
     EXPECT_NE(help.helpText.find("KESTRIN_MAX_BODY"), std::string::npos);
+    // It fits a terminal of 80 columns.
+    std::istringstream lines(help.helpText);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_LE(line.size(), 80u) << line;
+    }
 }
 
 } // namespace
