@@ -63,6 +63,15 @@ void expectSameBuffer(const char* what, const DataBuffer& fast, const DataBuffer
     }
 }
 
+// Start, end and whether it was found: all a boundary search tells its caller.
+void expectSameMatch(const char* found, const char* begin, const char* end,
+                     const std::tuple<size_t, size_t, bool>& fast,
+                     const std::tuple<size_t, size_t, bool>& plain) {
+    expectEqual(found, std::get<2>(fast), std::get<2>(plain));
+    expectEqual(begin, std::get<0>(fast), std::get<0>(plain));
+    expectEqual(end, std::get<1>(fast), std::get<1>(plain));
+}
+
 DataBuffer makeBuffer(const uint8_t* bytes, size_t size, size_t spare) {
     DataBuffer buffer;
     if (spare > 0) {
@@ -107,13 +116,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     {
         DataBuffer fastBody = makeBuffer(bodyBytes, bodySize, spare);
         DataBuffer plainBody = makeBuffer(bodyBytes, bodySize, spare);
-        const auto [fastBegin, fastEnd, fastFound] =
-            service->findBoundaryMarkerIndex(start, fastBody, DataBuffer(marker));
-        const auto [plainBegin, plainEnd, plainFound] =
-            reference::findBoundaryMarkerIndex(start, plainBody, DataBuffer(marker));
-        expectEqual("boundary found", fastFound, plainFound);
-        expectEqual("boundary start", fastBegin, plainBegin);
-        expectEqual("boundary end", fastEnd, plainEnd);
+        expectSameMatch("boundary found", "boundary start", "boundary end",
+                        service->findBoundaryMarkerIndex(start, fastBody, DataBuffer(marker)),
+                        reference::findBoundaryMarkerIndex(start, plainBody, DataBuffer(marker)));
         expectSameBuffer("body after the boundary search", fastBody, plainBody);
     }
     if (usualMarker && markerBytes > 0 && start <= bodySize) {
@@ -124,16 +129,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         DataBuffer plainBody = makeBuffer(bodyBytes, bodySize, spare);
         DataBuffer fastPart;
         DataBuffer plainPart;
-        const auto [fastBegin, fastEnd, fastFound] = kestrin::file_upload::v1::findBoundaryAndCut(
-            start, fastBody, marker, fastPart, probeSize);
-        const auto [plainBegin, plainEnd, plainFound] =
-            reference::findBoundaryMarkerIndex(start, plainBody, DataBuffer(marker));
-        expectEqual("cut: boundary found", fastFound, plainFound);
-        expectEqual("cut: boundary start", fastBegin, plainBegin);
-        expectEqual("cut: boundary end", fastEnd, plainEnd);
+        const auto plain = reference::findBoundaryMarkerIndex(start, plainBody, DataBuffer(marker));
+        expectSameMatch("cut: boundary found", "cut: boundary start", "cut: boundary end",
+                        kestrin::file_upload::v1::findBoundaryAndCut(start, fastBody, marker,
+                                                                     fastPart, probeSize),
+                        plain);
         expectSameBuffer("cut: body", fastBody, plainBody);
-        if (plainFound) {
-            reference::extractDataFromRequest(start, plainBegin, plainBody, plainPart);
+        if (std::get<2>(plain)) {
+            reference::extractDataFromRequest(start, std::get<0>(plain), plainBody, plainPart);
             expectSameBuffer("cut: part", fastPart, plainPart);
         }
     }
