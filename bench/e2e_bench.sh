@@ -11,8 +11,9 @@ if [[ ! -f build-release/CMakeCache.txt ]]; then
     cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release > /dev/null
 fi
 cmake --build build-release -j 2 --target kestrin-upload-server small_upload_client \
-    small_file_floor > /dev/null
+    large_upload_client small_file_floor > /dev/null
 
 exec python3 -B "$root/bench/e2e_bench.py" --server "$root/build-release/host/kestrin-upload-server" \
     --client "$root/build-release/bench/small_upload_client" \
+    --large-client "$root/build-release/bench/large_upload_client" \
     --floor "$root/build-release/bench/small_file_floor" "$@"

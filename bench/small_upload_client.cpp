@@ -12,22 +12,15 @@
 #include "Tool.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <mutex>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <random>
-#include <stdexcept>
 #include <string>
-#include <sys/resource.h>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -84,15 +77,6 @@ Options parse(int argc, char** argv) {
     return options;
 }
 
-// The path goes on the request line as it is, spaces escaped.
-std::string target(const std::string& path) {
-    std::string out;
-    for (char c : path) {
-        out += c == ' ' ? std::string("%20") : std::string(1, c);
-    }
-    return out;
-}
-
 std::vector<std::string> buildRequests(const Options& options) {
     const std::string boundary = "----SmallUploadClient7MA4YWxkTrZu0gW";
     std::mt19937_64 random(1);
@@ -108,7 +92,7 @@ std::vector<std::string> buildRequests(const Options& options) {
                                  options.prefix + "-" + std::to_string(i) +
                                  ".bin\"\r\nContent-Type: application/octet-stream\r\n\r\n" +
                                  content + "\r\n--" + boundary + "--\r\n";
-        requests.push_back("POST " + target(options.path) +
+        requests.push_back("POST " + bench::requestTarget(options.path) +
                            " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(options.port) +
                            "\r\nContent-Type: multipart/form-data; boundary=" + boundary +
                            "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
@@ -117,94 +101,17 @@ std::vector<std::string> buildRequests(const Options& options) {
     return requests;
 }
 
-class Connection {
-public:
-    Connection(int port, double timeout) {
-        fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
-            throw std::runtime_error(std::string("socket: ") + std::strerror(errno));
-        }
-        const int one = 1;
-        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        timeval limit{};
-        limit.tv_sec = static_cast<time_t>(timeout);
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            const int error = errno;
-            ::close(fd);
-            throw std::runtime_error(std::string("connect: ") + std::strerror(error));
-        }
-    }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-    ~Connection() { ::close(fd); }
-
-    // The answer's status, or 0 when the connection ended before a whole answer: a kept
-    // connection the server closed, which the caller may retry once on a new one.
-    int exchange(const std::string& request) {
-        for (std::size_t sent = 0; sent < request.size();) {
-            const ssize_t n =
-                ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) {
-                return 0;
-            }
-            sent += static_cast<std::size_t>(n);
-        }
-        std::size_t headEnd;
-        while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
-            if (!receive()) {
-                return 0;
-            }
-        }
-        int status = 0;
-        std::sscanf(buffer.c_str(), "HTTP/1.%*d %d", &status);
-        std::size_t length = 0;
-        std::string head = buffer.substr(0, headEnd);
-        std::transform(head.begin(), head.end(), head.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        const std::size_t field = head.find("\r\ncontent-length:");
-        if (field != std::string::npos) {
-            length = std::strtoul(head.c_str() + field + 17, nullptr, 10);
-        }
-        while (buffer.size() < headEnd + 4 + length) {
-            if (!receive()) {
-                return 0;
-            }
-        }
-        buffer.erase(0, headEnd + 4 + length);
-        return status;
-    }
-
-private:
-    bool receive() {
-        char chunk[16384];
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0) {
-            return false;
-        }
-        buffer.append(chunk, static_cast<std::size_t>(n));
-        return true;
-    }
-
-    int fd;
-    std::string buffer;
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
     const Options options = parse(argc, argv);
     const std::vector<std::string> requests = buildRequests(options);
 
-    std::vector<std::unique_ptr<Connection>> connections;
+    std::vector<std::unique_ptr<bench::Connection>> connections;
     try {
         for (std::size_t i = 0; i < options.connections; ++i) {
-            connections.push_back(std::make_unique<Connection>(options.port, options.timeout));
+            connections.push_back(
+                std::make_unique<bench::Connection>(options.port, options.timeout));
         }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "small_upload_client: %s\n", error.what());
@@ -224,7 +131,7 @@ int main(int argc, char** argv) {
     for (std::size_t c = 0; c < options.connections; ++c) {
         threads.emplace_back([&, c] {
             std::vector<double> mine;
-            std::unique_ptr<Connection> connection = std::move(connections[c]);
+            std::unique_ptr<bench::Connection> connection = std::move(connections[c]);
             for (std::size_t i; (i = next.fetch_add(1)) < requests.size();) {
                 if (Clock::now() > deadline) {
                     break;
@@ -233,7 +140,8 @@ int main(int argc, char** argv) {
                 int status = connection->exchange(requests[i]);
                 if (status == 0) {
                     try {
-                        connection = std::make_unique<Connection>(options.port, options.timeout);
+                        connection =
+                            std::make_unique<bench::Connection>(options.port, options.timeout);
                         status = connection->exchange(requests[i]);
                     } catch (const std::exception&) {
                         status = 0;
