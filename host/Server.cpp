@@ -1,6 +1,7 @@
 #include "host/Server.h"
 
 #include "host/AccessLog.h"
+#include "host/BlockHandOver.h"
 #include "host/BodyBufferPool.h"
 #include "host/ConnectionTable.h"
 #include "host/DataBufferBody.h"
@@ -698,16 +699,18 @@ private:
         }
     }
 
-    // The part is about to be cut: its memory goes back to the system now.
-    void partMemoryDue() {
+    // The part is about to be cut. Warm pages go back to the system now; kept storage leaves
+    // the request's charge, as the part takes its place, and is returned to be offered for the
+    // part's block on the thread that runs the module.
+    common::DataBuffer partMemoryDue() {
         if (warm) {
             warm->release();
             warm.reset();
         }
         if (standIn.getCapacity() > 0) {
             verdict.charge.shrink(standIn.getCapacity());
-            common::DataBuffer().swap(standIn);
         }
+        return std::move(standIn);
     }
 
     // The request ended without a part: kept storage goes back where it came from.
@@ -812,12 +815,12 @@ private:
         keepAlive = request.keep_alive();
         bytesIn = request.body().getSize();
         shared->inService.fetch_add(1);
-        partMemoryDue();
+        common::DataBuffer partBlock = partMemoryDue();
 
         // The guard keeps the IO threads running until the reply has been handed back.
         auto call = [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
                      destination = verdict.destination, boundary = std::move(verdict.boundary),
-                     charge = std::move(verdict.charge),
+                     charge = std::move(verdict.charge), partBlock = std::move(partBlock),
                      body = std::move(request.body())]() mutable {
             Shared& state = *self->shared;
             const std::size_t bodyBytes = body.getSize();
@@ -838,9 +841,11 @@ private:
                         }
                     });
                 }
+                blockHandOver::offer(std::move(partBlock));
                 reply =
                     RequestDispatcher::callService(*destination.provider, destination.address,
                                                    std::move(boundary), std::move(body), &returned);
+                blockHandOver::withdraw();
                 // The answer may say the files are stored only once they are durable.
                 try {
                     if (scope) {

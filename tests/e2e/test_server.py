@@ -99,6 +99,22 @@ class UploadTest(ServerTestCase):
                 self.assertNotIn(b"Connection: close", reply)
 
 
+class LargeUploadTest(ServerTestCase):
+    def test_large_uploads_in_a_row_each_store_their_own_bytes(self):
+        # Large enough for the server to keep a part's block and make it ready for the next
+        # part: each later part is cut into memory that held the one before, so a byte of an
+        # earlier upload left anywhere would show. The last request has two parts.
+        mib = 1024 * 1024
+        for upload, sizes in enumerate(((12 * mib,), (11 * mib,), (10 * mib, 12 * mib + 7))):
+            sent = {"large-%d-%d.bin" % (upload, i): os.urandom(size)
+                    for i, size in enumerate(sizes)}
+            parts = ["file=@" + self.make_file(name, data) for name, data in sent.items()]
+            self.assertEqual(self.upload("/users", *parts), (200, SUCCESS_PAGE), sizes)
+            for name, data in sent.items():
+                self.assertEqual(sha256(os.path.join(self.uploads, name)),
+                                 hashlib.sha256(data).hexdigest(), name)
+
+
 class RefusalFloodTest(ServerTestCase):
     def test_a_flood_of_refusals_is_counted_not_logged_line_by_line(self):
         # 120 refused requests on one connection, sent at once: a few dozen lines at the most,
