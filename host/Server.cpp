@@ -841,11 +841,14 @@ private:
                         }
                     });
                 }
+                // Whatever the module did not take is freed on the way out, however it ends.
+                struct Withdraw {
+                    ~Withdraw() { blockHandOver::withdraw(); }
+                } withdrawAfter;
                 blockHandOver::offer(std::move(partBlock));
                 reply =
                     RequestDispatcher::callService(*destination.provider, destination.address,
                                                    std::move(boundary), std::move(body), &returned);
-                blockHandOver::withdraw();
                 // The answer may say the files are stored only once they are durable.
                 try {
                     if (scope) {
