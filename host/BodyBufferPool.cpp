@@ -90,14 +90,14 @@ void BodyBufferPool::reclaim(std::size_t needed) {
     }
 }
 
-void BodyBufferPool::releaseIdle(Clock::duration idle) {
+std::size_t BodyBufferPool::releaseIdle(Clock::duration idle) {
     std::vector<Kept> freed;
     const Clock::time_point now = clock();
+    std::size_t released = 0;
     {
         std::lock_guard<std::mutex> guard(mutex);
         const auto stale = std::stable_partition(
             kept.begin(), kept.end(), [&](const Kept& entry) { return now - entry.since < idle; });
-        std::size_t released = 0;
         for (auto it = stale; it != kept.end(); ++it) {
             released += it->buffer.getCapacity();
             freed.push_back(std::move(*it));
@@ -106,6 +106,7 @@ void BodyBufferPool::releaseIdle(Clock::duration idle) {
         keptTotal -= released;
         keptCharge.shrink(released);
     }
+    return released;
 }
 
 std::size_t BodyBufferPool::keptBytes() const {

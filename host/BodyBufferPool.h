@@ -45,8 +45,8 @@ public:
     // left. The budget calls it when a charge does not fit.
     void reclaim(std::size_t needed);
 
-    // Frees the storage kept longer than `idle` without being taken.
-    void releaseIdle(Clock::duration idle);
+    // Frees the storage kept longer than `idle` without being taken; returns the bytes freed.
+    std::size_t releaseIdle(Clock::duration idle);
 
     // Capacity currently kept, in bytes.
     std::size_t keptBytes() const;

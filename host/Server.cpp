@@ -1464,12 +1464,16 @@ struct Server::State {
     }
 
     // Once a second: the counted connection events go to the log, kept storage unused for a
-    // minute is freed, and after a burst of uploads, once none is in service, the allocator
-    // hands its free memory back. On the control strand.
+    // minute is freed, and after a burst of uploads or such a release, once none is in
+    // service, the allocator hands its free memory back. On the control strand.
     void report(Clock::time_point last) {
         const Clock::time_point now = Clock::now();
         shared->events.flush(now - last);
-        shared->bodies.releaseIdle(std::chrono::minutes(1));
+        // Kept blocks under the allocator's mapping threshold live in its heap, and freeing
+        // them alone leaves their pages with the process.
+        if (shared->bodies.releaseIdle(std::chrono::minutes(1)) > 0) {
+            shared->trimDue.store(true);
+        }
         if (shared->inService.load() == 0 && shared->trimDue.exchange(false)) {
             net::post(shared->services, [] { ::malloc_trim(0); });
         }

@@ -72,11 +72,11 @@ TEST(BodyBufferPool, handsBackOnlyWhatStayedUntakenForTheIdleTimeWithItsCharge) 
     pool.give(std::move(again));
 
     now += 20s; // kept 70 s, 30 s, 20 s
-    pool.releaseIdle(60s);
+    EXPECT_EQ(pool.releaseIdle(60s), 300u);
     EXPECT_EQ(pool.keptBytes(), 300u);
     EXPECT_EQ(budget.used(), 300u);
     EXPECT_EQ(pool.take(250).bytes(), nullptr);
-    pool.releaseIdle(30s);
+    EXPECT_EQ(pool.releaseIdle(30s), 100u);
     EXPECT_EQ(pool.keptBytes(), 200u);
     EXPECT_EQ(pool.take(150).getCapacity(), 200u);
     EXPECT_EQ(budget.used(), 0u);
