@@ -699,16 +699,13 @@ private:
         }
     }
 
-    // The part is about to be cut. Warm pages go back to the system now; kept storage leaves
-    // the request's charge, as the part takes its place, and is returned to be offered for the
-    // part's block on the thread that runs the module.
+    // The part is about to be cut. Warm pages go back to the system now; kept storage is
+    // returned, still charged, to be offered for the part's block on the thread that runs the
+    // module.
     common::DataBuffer partMemoryDue() {
         if (warm) {
             warm->release();
             warm.reset();
-        }
-        if (standIn.getCapacity() > 0) {
-            verdict.charge.shrink(standIn.getCapacity());
         }
         return std::move(standIn);
     }
@@ -845,6 +842,8 @@ private:
                 struct Withdraw {
                     ~Withdraw() { blockHandOver::withdraw(); }
                 } withdrawAfter;
+                // The block leaves the charge as the part, charged already, takes its place.
+                charge.shrink(partBlock.getCapacity());
                 blockHandOver::offer(std::move(partBlock));
                 reply =
                     RequestDispatcher::callService(*destination.provider, destination.address,
