@@ -868,13 +868,17 @@ private:
             charge.release();
             state.inService.fetch_sub(1);
             state.trimDue.store(true);
-            // Straight on, when the call ran on the connection's own strand.
-            net::dispatch(self->stream.get_executor(),
-                          [self, reply = std::move(reply), stored = std::move(stored)]() mutable {
-                              self->fromService = true;
-                              self->stored = std::move(stored);
-                              self->sendReply(std::move(reply));
-                          });
+            // Queued behind whatever else this IO thread has ready, never sent straight from
+            // a call that ran here. The answer wakes its client, and the system runs a woken
+            // client on the waker's core as if the waker were about to sleep; sent mid-round,
+            // it takes the core from the requests still waiting on this thread. Sent at the
+            // end of the round, it finds the thread done.
+            net::post(self->stream.get_executor(),
+                      [self, reply = std::move(reply), stored = std::move(stored)]() mutable {
+                          self->fromService = true;
+                          self->stored = std::move(stored);
+                          self->sendReply(std::move(reply));
+                      });
         };
         if (shared->placement.runInline(bytesIn)) {
             call();
