@@ -305,9 +305,10 @@ using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
 // One connection: reads requests one after another, asks the gate what to do with each and
 // does it, and writes the replies. Kept alive by the handlers of its pending operations (or of
-// its service call), all of which run on the connection's strand. Its deadlines run on a timer
-// of its own, which cancels the pending read when one passes, so that the client still gets
-// its 408.
+// its service call), all of which run on the one thread of the connection's IO context: that
+// context is the connection's strand, and what other threads ask of it (a stop, an eviction, a
+// service's answer) is posted there. Its deadlines run on a timer of its own, which cancels
+// the pending read when one passes, so that the client still gets its 408.
 template <class Stream>
 class Session : public SessionBase, public std::enable_shared_from_this<Session<Stream>> {
     static constexpr bool secure = std::is_same_v<Stream, TlsStream>;
@@ -343,18 +344,18 @@ public:
             shared->sessions.emplace(id, weak_from_this());
         }
         if constexpr (secure) {
-            net::dispatch(stream.get_executor(),
-                          beast::bind_front_handler(&Session::doHandshake, shared_from_this()));
+            net::post(stream.get_executor(),
+                      beast::bind_front_handler(&Session::doHandshake, shared_from_this()));
         } else {
-            net::dispatch(stream.get_executor(),
-                          beast::bind_front_handler(&Session::doRead, shared_from_this()));
+            net::post(stream.get_executor(),
+                      beast::bind_front_handler(&Session::doRead, shared_from_this()));
         }
     }
 
     // Server stop: a connection waiting for its next request closes now; one with a request
     // in flight answers it first and then closes.
     void stop() override {
-        net::dispatch(stream.get_executor(), [self = shared_from_this()] {
+        net::post(stream.get_executor(), [self = shared_from_this()] {
             if (self->phase == ConnectionTable::Phase::idle) {
                 self->cancelRead(Cut::closed);
             }
@@ -363,7 +364,7 @@ public:
 
     // The shutdown timeout has passed: whatever is left is closed now.
     void abort() override {
-        net::dispatch(stream.get_executor(), [self = shared_from_this()] {
+        net::post(stream.get_executor(), [self = shared_from_this()] {
             self->clearDeadline();
             beast::error_code ignored;
             self->socket().close(ignored);
@@ -372,7 +373,7 @@ public:
 
     // The connection table gave this connection's slot to a new one.
     void evict() override {
-        net::dispatch(stream.get_executor(), [self = shared_from_this()] {
+        net::post(stream.get_executor(), [self = shared_from_this()] {
             self->shared->events.count(EventLog::evicted);
             if (self->phase == ConnectionTable::Phase::busy) {
                 self->closeAfterReply = true;
@@ -1223,7 +1224,7 @@ private:
         }
         net::io_context& context = *contexts[nextContext];
         nextContext = (nextContext + 1) % contexts.size();
-        acceptor.async_accept(net::make_strand(context),
+        acceptor.async_accept(context.get_executor(),
                               beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
     }
 
