@@ -513,6 +513,15 @@ private:
     void startHead() {
         enter(ConnectionTable::Phase::head);
         started = Clock::now();
+        // Most heads come whole with their first bytes: parsed here, they go on at once rather
+        // than through another turn of the IO queue, which is what reading them would take.
+        beast::error_code ec;
+        parser->eager(false);
+        const std::size_t used = parser->put(buffer.data(), ec);
+        buffer.consume(used);
+        if (ec != http::error::need_more && (ec || parser->is_header_done())) {
+            return onReadHeader(ec, used);
+        }
         armDeadline(shared->gate.headDeadline(started));
         http::async_read_header(
             stream, buffer, *parser,
