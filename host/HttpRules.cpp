@@ -62,4 +62,31 @@ std::optional<std::string> findBoundaryParameter(std::string_view contentType) {
     return std::nullopt;
 }
 
+std::string responseHead(const boost::beast::http::response_header<>& head) {
+    const unsigned version = head.version();
+    const unsigned code = head.result_int();
+    const boost::beast::string_view reason = head.reason();
+    std::string out;
+    out.reserve(256);
+    char statusLine[] = "HTTP/x.x xxx ";
+    statusLine[5] = static_cast<char>('0' + version / 10 % 10);
+    statusLine[7] = static_cast<char>('0' + version % 10);
+    statusLine[9] = static_cast<char>('0' + code / 100 % 10);
+    statusLine[10] = static_cast<char>('0' + code / 10 % 10);
+    statusLine[11] = static_cast<char>('0' + code % 10);
+    out.append(statusLine, sizeof statusLine - 1);
+    out.append(reason.data(), reason.size());
+    out += "\r\n";
+    for (const auto& field : head) {
+        const boost::beast::string_view name = field.name_string();
+        const boost::beast::string_view value = field.value();
+        out.append(name.data(), name.size());
+        out += ": ";
+        out.append(value.data(), value.size());
+        out += "\r\n";
+    }
+    out += "\r\n";
+    return out;
+}
+
 } // namespace kestrin::host

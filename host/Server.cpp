@@ -7,6 +7,7 @@
 #include "host/DataBufferBody.h"
 #include "host/DiscardBody.h"
 #include "host/DiskFileService.h"
+#include "host/HttpRules.h"
 #include "host/MemoryBudget.h"
 #include "host/Metrics.h"
 #include "host/PartHeaderCheck.h"
@@ -932,6 +933,12 @@ private:
         doClose(false);
     }
 
+    // An answer on its way: the message, and its head as it goes out.
+    struct Outgoing {
+        http::response<DataBufferBody> response;
+        std::string head;
+    };
+
     void sendReply(Reply&& reply) {
         clearDeadline();
         if (phase != ConnectionTable::Phase::busy) {
@@ -945,7 +952,8 @@ private:
         // While the stop is coming, clients are sent to reconnect, maybe elsewhere.
         const bool close = !keepAlive || !requestRead || closeAfterReply ||
                            shared->stopping.load() || shared->draining.load();
-        auto response = std::make_shared<http::response<DataBufferBody>>();
+        auto outgoing = std::make_shared<Outgoing>();
+        http::response<DataBufferBody>* response = &outgoing->response;
         response->version(version);
         response->result(reply.status);
         response->set(http::field::server, serverName);
@@ -968,10 +976,14 @@ private:
         }
         response->keep_alive(!close);
 
+        outgoing->head = responseHead(*response);
+        const common::DataBuffer& body = response->body();
+        const std::array<net::const_buffer, 2> bytes{
+            net::buffer(outgoing->head), net::const_buffer(body.bytes(), body.getSize())};
         lowest().expires_after(writeLimit);
-        http::async_write(stream, *response,
-                          [self = shared_from_this(), response,
-                           close](beast::error_code ec, std::size_t) { self->onWrite(close, ec); });
+        net::async_write(stream, bytes,
+                         [self = shared_from_this(), outgoing,
+                          close](beast::error_code ec, std::size_t) { self->onWrite(close, ec); });
     }
 
     void onWrite(bool close, beast::error_code ec) {

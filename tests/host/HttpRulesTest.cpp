@@ -1,5 +1,8 @@
 #include "host/HttpRules.h"
 
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/http/serializer.hpp>
+#include <boost/beast/http/string_body.hpp>
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -58,6 +61,51 @@ TEST(HttpRules, findsTheBoundaryParameterQuotedOrBare) {
         SCOPED_TRACE(c.contentType);
         EXPECT_EQ(findBoundaryParameter(c.contentType), c.boundary);
     }
+}
+
+// The server writes heads itself; a client must get the bytes Beast's serializer would write.
+TEST(HttpRules, aResponseHeadIsWhatBeastWouldWrite) {
+    namespace http = boost::beast::http;
+    const auto beastHead = [](const http::response<http::string_body>& response) {
+        http::response_serializer<http::string_body> serializer(response);
+        serializer.split(true);
+        std::string bytes;
+        boost::beast::error_code ec;
+        while (!serializer.is_header_done()) {
+            serializer.next(ec, [&](boost::beast::error_code&, const auto& buffers) {
+                bytes += boost::beast::buffers_to_string(buffers);
+                serializer.consume(boost::asio::buffer_size(buffers));
+            });
+        }
+        return bytes;
+    };
+
+    http::response<http::string_body> page(http::status::ok, 11);
+    page.set(http::field::server, "kestrin-upload-server");
+    page.set(http::field::content_type, "text/html; charset=utf-8");
+    page.body() = "<html></html>";
+    page.prepare_payload();
+    page.keep_alive(true);
+    EXPECT_EQ(responseHead(page), beastHead(page));
+    EXPECT_EQ(responseHead(page), "HTTP/1.1 200 OK\r\nServer: kestrin-upload-server\r\n"
+                                  "Content-Type: text/html; charset=utf-8\r\n"
+                                  "Content-Length: 13\r\n\r\n");
+
+    // HTTP/1.0 kept alive, a status with an unusual code, a field Beast does not know, and a
+    // field set twice.
+    http::response<http::string_body> other(http::status::service_unavailable, 10);
+    other.set("X-Custom", "a b");
+    other.insert(http::field::www_authenticate, "Basic realm=\"a\"");
+    other.insert(http::field::www_authenticate, "Basic realm=\"b\"");
+    other.set(http::field::retry_after, "1");
+    other.keep_alive(true);
+    other.prepare_payload();
+    EXPECT_EQ(responseHead(other), beastHead(other));
+    other.result(599);
+    other.keep_alive(false);
+    EXPECT_EQ(responseHead(other), beastHead(other));
+    other.reason("Custom Reason");
+    EXPECT_EQ(responseHead(other), beastHead(other));
 }
 
 } // namespace
