@@ -1,6 +1,6 @@
 #include "host/AccessLog.h"
 
-#include <cstdio>
+#include <charconv>
 #include <ctime>
 
 namespace kestrin::host {
@@ -58,31 +58,74 @@ std::size_t utf8Length(std::string_view text, std::size_t i) {
 }
 
 void appendHex(std::string& out, const char* prefix, unsigned value) {
-    char hex[8];
-    std::snprintf(hex, sizeof hex, "%s%02X", prefix, value);
-    out += hex;
+    static constexpr char digits[] = "0123456789ABCDEF";
+    out += prefix;
+    out += digits[(value >> 4) & 0xF];
+    out += digits[value & 0xF];
 }
 
-void field(std::string& out, std::string_view name, std::string_view quotedValue) {
-    out += ",\"";
-    out += name;
-    out += "\":";
-    out += quotedValue;
+void appendNumber(std::string& out, std::uint64_t value) {
+    char text[24];
+    const auto end = std::to_chars(text, text + sizeof text, value).ptr;
+    out.append(text, end);
+}
+
+// Milliseconds to one decimal, rounded half up.
+void appendMilliseconds(std::string& out, std::chrono::microseconds duration) {
+    const auto count = duration.count() > 0 ? static_cast<std::uint64_t>(duration.count()) : 0;
+    const std::uint64_t tenths = (count + 50) / 100;
+    appendNumber(out, tenths / 10);
+    out += '.';
+    out += static_cast<char>('0' + tenths % 10);
+}
+
+// Two digits, or four, of a date or time.
+void appendDigits(char* at, unsigned value, int count) {
+    for (int i = count - 1; i >= 0; --i) {
+        at[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+}
+
+void appendTime(std::string& out, std::chrono::system_clock::time_point time) {
+    const auto since = time.time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
+    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(since - seconds);
+    // A busy server logs many lines a second: the calendar part is worked out once a second
+    // on each thread.
+    thread_local std::chrono::seconds cachedSecond{-1};
+    thread_local char cached[20];
+    if (seconds != cachedSecond) {
+        const std::time_t whole = static_cast<std::time_t>(seconds.count());
+        std::tm parts{};
+        ::gmtime_r(&whole, &parts);
+        char* text = cached;
+        appendDigits(text, static_cast<unsigned>(parts.tm_year + 1900), 4);
+        text[4] = '-';
+        appendDigits(text + 5, static_cast<unsigned>(parts.tm_mon + 1), 2);
+        text[7] = '-';
+        appendDigits(text + 8, static_cast<unsigned>(parts.tm_mday), 2);
+        text[10] = 'T';
+        appendDigits(text + 11, static_cast<unsigned>(parts.tm_hour), 2);
+        text[13] = ':';
+        appendDigits(text + 14, static_cast<unsigned>(parts.tm_min), 2);
+        text[16] = ':';
+        appendDigits(text + 17, static_cast<unsigned>(parts.tm_sec), 2);
+        text[19] = '.';
+        cachedSecond = seconds;
+    }
+    char fraction[4];
+    appendDigits(fraction, static_cast<unsigned>(millis.count()), 3);
+    fraction[3] = 'Z';
+    out.append(cached, sizeof cached);
+    out.append(fraction, sizeof fraction);
 }
 
 } // namespace
 
 std::string AccessLog::rfc3339(std::chrono::system_clock::time_point time) {
-    const auto since = time.time_since_epoch();
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
-    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(since - seconds);
-    const std::time_t whole = static_cast<std::time_t>(seconds.count());
-    std::tm parts{};
-    ::gmtime_r(&whole, &parts);
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900,
-                  parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                  static_cast<int>(millis.count()));
+    std::string text;
+    appendTime(text, time);
     return text;
 }
 
@@ -91,8 +134,9 @@ namespace {
 // Quotes text: a quote and a backslash get a backslash, a control byte becomes controlEscape
 // and two hex digits, and a byte that starts no UTF-8 sequence becomes invalid (or, when that
 // is empty, is escaped like a control byte).
-std::string quote(std::string_view text, const char* controlEscape, std::string_view invalid) {
-    std::string out = "\"";
+void appendQuoted(std::string& out, std::string_view text, const char* controlEscape,
+                  std::string_view invalid) {
+    out += '"';
     for (std::size_t i = 0; i < text.size();) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
         const std::size_t length = utf8Length(text, i);
@@ -111,93 +155,147 @@ std::string quote(std::string_view text, const char* controlEscape, std::string_
         ++i;
     }
     out += '"';
-    return out;
+}
+
+void appendText(std::string& out, std::string_view text) {
+    appendQuoted(out, text, "\\x", {});
+}
+
+void appendJson(std::string& out, std::string_view text) {
+    appendQuoted(out, text, "\\u00", "\xEF\xBF\xBD");
 }
 
 } // namespace
 
 std::string AccessLog::quoteText(std::string_view text) {
-    return quote(text, "\\x", {});
+    std::string out;
+    appendText(out, text);
+    return out;
 }
 
 std::string AccessLog::quoteJson(std::string_view text) {
-    return quote(text, "\\u00", "\xEF\xBF\xBD");
+    std::string out;
+    appendJson(out, text);
+    return out;
 }
 
 std::string AccessLog::request(const RequestRecord& record) const {
     const LogLevel level = levelOf(record.status);
-    const double ms = static_cast<double>(record.duration.count()) / 1000.0;
-    char duration[32];
-    std::snprintf(duration, sizeof duration, "%.1f", ms);
     std::string line;
+    line.reserve(160 + record.target.size());
     if (format == LogFormat::json) {
-        line = "{\"time\":\"" + rfc3339(record.time) + "\",\"level\":\"" + levelName(level, false) +
-               "\",\"event\":\"request\"";
-        field(line, "client", quoteJson(record.client));
-        field(line, "method", quoteJson(record.method));
-        field(line, "target", quoteJson(record.target));
-        field(line, "status", std::to_string(record.status));
-        field(line, "bytes_in", std::to_string(record.bytesIn));
-        field(line, "duration_ms", duration);
+        line += "{\"time\":\"";
+        appendTime(line, record.time);
+        line += "\",\"level\":\"";
+        line += levelName(level, false);
+        line += "\",\"event\":\"request\",\"client\":";
+        appendJson(line, record.client);
+        line += ",\"method\":";
+        appendJson(line, record.method);
+        line += ",\"target\":";
+        appendJson(line, record.target);
+        line += ",\"status\":";
+        appendNumber(line, record.status);
+        line += ",\"bytes_in\":";
+        appendNumber(line, record.bytesIn);
+        line += ",\"duration_ms\":";
+        appendMilliseconds(line, record.duration);
         if (!record.user.empty()) {
-            field(line, "user", quoteJson(record.user));
+            line += ",\"user\":";
+            appendJson(line, record.user);
         }
         if (record.files != nullptr && !record.files->empty()) {
-            std::string files = "[";
+            line += ",\"files\":[";
+            bool first = true;
             for (const auto& [name, size] : *record.files) {
-                files += files.size() > 1 ? "," : "";
-                files += "{\"name\":" + quoteJson(name) + ",\"size\":" + std::to_string(size) + "}";
+                line += first ? "{\"name\":" : ",{\"name\":";
+                appendJson(line, name);
+                line += ",\"size\":";
+                appendNumber(line, size);
+                line += '}';
+                first = false;
             }
-            files += "]";
-            field(line, "files", files);
+            line += ']';
         }
         if (record.filesNotListed > 0) {
-            field(line, "files_not_listed", std::to_string(record.filesNotListed));
+            line += ",\"files_not_listed\":";
+            appendNumber(line, record.filesNotListed);
         }
         if (!record.reason.empty()) {
-            field(line, "reason", quoteJson(record.reason));
+            line += ",\"reason\":";
+            appendJson(line, record.reason);
         }
         line += "}\n";
         return line;
     }
-    line = rfc3339(record.time) + " " + levelName(level, true) + " " + std::string(record.client) +
-           " " + std::string(record.method); // a token: the parser let no other byte in
-    line += " " + quoteText(record.target) + " " + std::to_string(record.status) +
-            " in=" + std::to_string(record.bytesIn) + " ms=" + duration;
+    appendTime(line, record.time);
+    line += ' ';
+    line += levelName(level, true);
+    line += ' ';
+    line += record.client;
+    line += ' ';
+    line += record.method; // a token: the parser let no other byte in
+    line += ' ';
+    appendText(line, record.target);
+    line += ' ';
+    appendNumber(line, record.status);
+    line += " in=";
+    appendNumber(line, record.bytesIn);
+    line += " ms=";
+    appendMilliseconds(line, record.duration);
     if (!record.user.empty()) {
-        line += " user=" + quoteText(record.user);
+        line += " user=";
+        appendText(line, record.user);
     }
     if (record.files != nullptr && !record.files->empty()) {
         line += " files=";
         bool first = true;
         for (const auto& [name, size] : *record.files) {
-            line += first ? "" : ",";
-            line += quoteText(name) + ":" + std::to_string(size);
+            if (!first) {
+                line += ',';
+            }
+            appendText(line, name);
+            line += ':';
+            appendNumber(line, size);
             first = false;
         }
     }
     if (record.filesNotListed > 0) {
-        line += " +" + std::to_string(record.filesNotListed) + " files";
+        line += " +";
+        appendNumber(line, record.filesNotListed);
+        line += " files";
     }
     if (!record.reason.empty()) {
-        line += " reason=" + quoteText(record.reason);
+        line += " reason=";
+        appendText(line, record.reason);
     }
-    line += "\n";
+    line += '\n';
     return line;
 }
 
 std::string AccessLog::event(std::chrono::system_clock::time_point time, LogLevel level,
                              std::string_view message) const {
+    std::string line;
     if (format == LogFormat::json) {
-        return "{\"time\":\"" + rfc3339(time) + "\",\"level\":\"" + levelName(level, false) +
-               "\",\"event\":\"server\",\"message\":" + quoteJson(message) + "}\n";
+        line += "{\"time\":\"";
+        appendTime(line, time);
+        line += "\",\"level\":\"";
+        line += levelName(level, false);
+        line += "\",\"event\":\"server\",\"message\":";
+        appendJson(line, message);
+        line += "}\n";
+        return line;
     }
-    std::string line = rfc3339(time) + " " + levelName(level, true) + " ";
+    appendTime(line, time);
+    line += ' ';
+    line += levelName(level, true);
+    line += ' ';
     // The server's own words, but they may quote what a client sent: no line breaks.
     for (const char c : message) {
         line += (c == '\n' || c == '\r') ? ' ' : c;
     }
-    return line + "\n";
+    line += '\n';
+    return line;
 }
 
 } // namespace kestrin::host

@@ -90,6 +90,14 @@ TEST(AccessLog, aRequestLineHasEverythingAnOperatorAsksAbout) {
     refused.status = 500;
     EXPECT_NE(AccessLog(LogFormat::json).request(refused).find("\"level\":\"error\""),
               std::string::npos);
+
+    // Durations in milliseconds to a tenth, rounded half up.
+    for (const auto& [micros, shown] : std::vector<std::pair<long, std::string>>{
+             {49, "0.0"}, {50, "0.1"}, {1449, "1.4"}, {1450, "1.5"}, {999950, "1000.0"}}) {
+        refused.duration = microseconds(micros);
+        const std::string line = AccessLog(LogFormat::text).request(refused);
+        EXPECT_NE(line.find(" ms=" + shown + " "), std::string::npos) << line;
+    }
 }
 
 } // namespace
