@@ -1,5 +1,6 @@
 #include "host/Metrics.h"
 
+#include <mutex>
 #include <prometheus/counter.h>
 #include <prometheus/family.h>
 #include <prometheus/gauge.h>
@@ -7,6 +8,7 @@
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 #include <sstream>
+#include <vector>
 
 namespace kestrin::host {
 
@@ -66,6 +68,30 @@ struct Metrics::State {
             .Register(registry);
     prometheus::Gauge& connectionsOpen = connections.Add({{"kind", "open"}});
     prometheus::Gauge& connectionLimit = connections.Add({{"kind", "limit"}});
+
+    // The request counter of a route and status. The family would build and hash the labels
+    // on every request; the pairs seen are few (the routes are the server's own), so they are
+    // remembered and found by a look down a short list.
+    prometheus::Counter& requestsOf(std::string_view route, unsigned status) {
+        std::lock_guard<std::mutex> guard(seenMutex);
+        for (const Seen& pair : seen) {
+            if (pair.status == status && pair.route == route) {
+                return *pair.counter;
+            }
+        }
+        prometheus::Counter& counter =
+            requests.Add({{"route", std::string(route)}, {"status", std::to_string(status)}});
+        seen.push_back(Seen{std::string(route), status, &counter});
+        return counter;
+    }
+
+    struct Seen {
+        std::string route;
+        unsigned status;
+        prometheus::Counter* counter;
+    };
+    std::mutex seenMutex;
+    std::vector<Seen> seen;
 };
 
 Metrics::Metrics()
@@ -80,10 +106,9 @@ void Metrics::requestStarted() {
 void Metrics::requestFinished(std::string_view route, unsigned status, std::uint64_t bytesIn,
                               std::chrono::microseconds duration, bool refusedByServer) {
     state->inFlight.Decrement();
-    const std::string code = std::to_string(status);
-    state->requests.Add({{"route", std::string(route)}, {"status", code}}).Increment();
+    state->requestsOf(route, status).Increment();
     if (refusedByServer) {
-        state->refusals.Add({{"cause", code}}).Increment();
+        state->refusals.Add({{"cause", std::to_string(status)}}).Increment();
     }
     state->received.Increment(static_cast<double>(bytesIn));
     state->duration.Observe(std::chrono::duration<double>(duration).count());

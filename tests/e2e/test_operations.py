@@ -298,6 +298,12 @@ class MetricsTest(OperationsTestCase):
             body = upload_body([(b"m%d-a.bin" % i, b"a" * 100), (b"m%d-b.bin" % i, b"b" * 200)])
             self.assertEqual(upload(server, body=body)[0], 200)
             sent += len(body)
+        # The same status on the other route counts apart.
+        body = upload_body([(b"drive.bin", b"d" * 100)])
+        self.assertEqual(exchange(server, b"POST", b"/ORVANE%20Drive", b"Content-Type: "
+                                  b"multipart/form-data; boundary=" + BOUNDARY + b"\r\n",
+                                  body)[0], 200)
+        sent += len(body)
         self.assertEqual(upload(server, [(b"../x", b"x")])[0], 400)
         self.assertEqual(upload(server, [(b"x", b"x")], headers=b"Origin: http://evil.example\r\n"
                                 )[0], 403)
@@ -313,10 +319,11 @@ class MetricsTest(OperationsTestCase):
                     for (name, labels), value in samples.items()
                     if name == "kestrin_http_requests_total"}
         # The limit cuts the 413 off before its route is looked up; it still counts there.
-        self.assertEqual(requests, {"/users 200": uploads, "/users 400": 1, "/users 403": 1,
-                                    "/users 413": 1, "other 404": 2})
-        self.assertEqual(metric(samples, "kestrin_files_stored_total"), 2 * uploads)
-        self.assertEqual(metric(samples, "kestrin_stored_bytes_total"), 300 * uploads)
+        self.assertEqual(requests, {"/users 200": uploads, "/ORVANE Drive 200": 1,
+                                    "/users 400": 1, "/users 403": 1, "/users 413": 1,
+                                    "other 404": 2})
+        self.assertEqual(metric(samples, "kestrin_files_stored_total"), 2 * uploads + 1)
+        self.assertEqual(metric(samples, "kestrin_stored_bytes_total"), 300 * uploads + 100)
         self.assertGreaterEqual(metric(samples, "kestrin_received_bytes_total"), sent)
         # The module's own 400 is an answer, not a refusal by the server.
         self.assertEqual({dict(labels)["cause"]: value for (name, labels), value in
