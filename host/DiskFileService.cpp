@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -532,6 +533,9 @@ int DiskFileService::openTemporary(std::string& path) const {
 }
 
 int DiskFileService::syncDirectoryEntries() const {
+    if (syncs.recent.get() < DirectorySyncs::quick) {
+        return timedSync();
+    }
     std::unique_lock<std::mutex> lock(syncs.mutex);
     // A sync already under way may have read the directory before this caller's renames; the
     // next one to start covers them, and everyone who arrives before it starts.
@@ -542,7 +546,7 @@ int DiskFileService::syncDirectoryEntries() const {
             syncs.running = true;
             syncs.started = batch;
             lock.unlock();
-            const int error = syncDirectoryNow();
+            const int error = timedSync();
             lock.lock();
             syncs.running = false;
             syncs.finished = batch;
@@ -557,6 +561,13 @@ int DiskFileService::syncDirectoryEntries() const {
     if (--outcome->second.waiting == 0) {
         syncs.outcomes.erase(outcome);
     }
+    return error;
+}
+
+int DiskFileService::timedSync() const {
+    const auto started = std::chrono::steady_clock::now();
+    const int error = syncDirectoryNow();
+    syncs.recent.add(std::chrono::steady_clock::now() - started);
     return error;
 }
 

@@ -2,7 +2,9 @@
 
 #include "framework/FileService.h"
 #include "host/InstanceOwner.h"
+#include "host/RecentDuration.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -107,10 +109,11 @@ private:
     std::string moveIntoPlace(const std::string& temp, const Job& job) const;
     int moveWithoutReplacing(const std::string& temp, const std::string& target) const;
     std::string targetName(const std::u16string& path) const;
-    // Makes the directory entries made so far durable: 0, or the errno of the failure. Callers
-    // that come while a sync runs share the next one, so many requests finishing at once cost
-    // the disk two syncs, not one each.
+    // Makes the directory entries made so far durable: 0, or the errno of the failure. Where
+    // syncs take long, callers that come while one runs share the next one, so many requests
+    // finishing at once cost the disk two syncs, not one each.
     int syncDirectoryEntries() const;
+    int timedSync() const;        // one sync, unshared, its duration noted
     int syncDirectoryNow() const; // one sync, unshared
     // Creates a new temporary file for writing; its path goes to path. The descriptor, or -1
     // with errno set.
@@ -135,6 +138,11 @@ private:
         std::uint64_t finished = 0;
         bool running = false;
         std::map<std::uint64_t, Outcome> outcomes;
+        // Waiting for another caller's sync sleeps and costs a wake-up. Where a sync takes less
+        // than this (storage in memory), each caller syncs for itself instead. It starts out
+        // shared, until syncs have shown they are quick.
+        static constexpr std::chrono::microseconds quick{50};
+        RecentDuration recent{quick * 2};
     };
     mutable DirectorySyncs syncs;
     std::mutex mutex;

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <atomic>
+#include "host/RecentDuration.h"
+
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 
 namespace kestrin::host {
 
@@ -30,9 +30,9 @@ public:
     void record(std::size_t bodyBytes, std::chrono::nanoseconds took) noexcept;
 
 private:
-    // Nanoseconds. One slow call takes the average over the limit at once (an eighth of a
-    // sync of a few milliseconds is enough), and a few quick ones bring it back.
-    std::atomic<std::int64_t> average{std::chrono::nanoseconds(quick).count() * 2};
+    // One slow call takes the average over the limit at once (an eighth of a sync of a few
+    // milliseconds is enough), and a few quick ones bring it back.
+    RecentDuration recent{quick * 2};
 };
 
 } // namespace kestrin::host

@@ -172,6 +172,51 @@ TEST_F(DiskFileServiceConcurrency, requestsFinishingTogetherShareDirectorySyncs)
     EXPECT_LT(syncs, writers * perWriter / 2);
 }
 
+// Once syncs have shown they are quick, as in memory, a request syncs the directory itself
+// rather than sleep until another's sync is over: two requests' syncs then overlap. The first
+// sync of the pair waits for the second to begin, which it would wait for in vain were the
+// second caller waiting for it to end.
+TEST_F(DiskFileServiceConcurrency, whereSyncsAreQuickRequestsDoNotWaitForEachOthersSync) {
+    std::atomic<bool> pairing{false};
+    std::atomic<int> inSync{0};
+    std::atomic<bool> overlapped{false};
+    // Only the timing matters here, so the directory is not really synced.
+    DiskFileService service(uploads.string(), 1, [&](int) {
+        if (++inSync == 2) {
+            overlapped = true;
+        }
+        if (pairing.exchange(false)) {
+            for (int i = 0; i < 5000 && !overlapped; ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+        --inSync;
+        return 0;
+    });
+    const auto store = [&](const std::string& name) {
+        DiskFileService::RequestScope scope(service, 1);
+        const std::string path = (uploads / name).string();
+        service
+            .writeFile(
+                File(FileInfo(std::u16string(path.begin(), path.end())), common::DataBuffer(name)),
+                true)
+            .get();
+        scope.finish();
+    };
+    for (int i = 0; i < 20; ++i) {
+        store("quick" + std::to_string(i));
+    }
+    pairing = true;
+    std::thread first([&] { store("first"); });
+    for (int i = 0; i < 5000 && inSync == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    store("second");
+    first.join();
+    EXPECT_TRUE(overlapped);
+    EXPECT_EQ(names(uploads).size(), 22u);
+}
+
 // A failed sync fails the requests it covered, and only those: one that came while it ran
 // waits for the next sync and hears of that one alone.
 TEST_F(DiskFileServiceConcurrency, aFailedSharedSyncFailsOnlyTheRequestsItCovered) {
