@@ -228,7 +228,8 @@ DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned wr
                                  MoveFile move)
     : syncDirectory(directorySync ? std::move(directorySync) : DirectorySync(&::fsync))
     , conflictPolicy(onConflict)
-    , moveFile(move ? std::move(move) : MoveFile(&renameFile)) {
+    , moveFile(move ? move : MoveFile(&renameFile))
+    , unnamedFiles(!move) {
     std::unique_ptr<char, decltype(&std::free)> resolved(
         ::realpath(uploadDirectory.c_str(), nullptr), &std::free);
     if (!resolved) {
@@ -422,12 +423,21 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
         if (size > writeWindow) {
             ::posix_fadvise(out.get(), 0, 0, POSIX_FADV_DONTNEED);
         }
-        if (::close(out.release()) != 0) {
-            throw systemError("Cannot close " + name);
+        if (temp.empty()) {
+            // An unnamed file is linked while still open. Its bytes are on disk already, so
+            // closing it has nothing left to lose.
+            storedName = moveIntoPlace(out.get(), temp, job);
+            ::close(out.release());
+        } else {
+            if (::close(out.release()) != 0) {
+                throw systemError("Cannot close " + name);
+            }
+            storedName = moveIntoPlace(-1, temp, job);
         }
-        storedName = moveIntoPlace(temp, job);
     } catch (...) {
-        ::unlink(temp.c_str());
+        if (!temp.empty()) {
+            ::unlink(temp.c_str());
+        }
         throw;
     }
     // The rename is durable only once the directory entry is on disk too. A request's scope
@@ -459,17 +469,19 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
 // it took. Where no file may be replaced, each name is taken in one step that fails when it is
 // taken already, never a look followed by a rename: two writes of one name at once must not
 // both find it free.
-std::string DiskFileService::moveIntoPlace(const std::string& temp, const Job& job) const {
+std::string DiskFileService::moveIntoPlace(int descriptor, const std::string& temp,
+                                           const Job& job) const {
     const std::string& name = job.name;
     if (conflictPolicy == ConflictPolicy::replace && job.overwrite) {
-        if (moveFile(temp.c_str(), (directory + "/" + name).c_str(), 0) == 0) {
+        const int error = nameReplacing(descriptor, temp, directory + "/" + name);
+        if (error == 0) {
             return name;
         }
-        if (errno == EISDIR) {
+        if (error == EISDIR) {
             throw std::runtime_error("Refused file '" + name +
                                      "': a directory of that name exists");
         }
-        throw systemError("Cannot store " + name);
+        throw SystemFailure("Cannot store " + name, error);
     }
     for (unsigned attempt = 0;; ++attempt) {
         const std::string candidate = attempt == 0 ? name : numberedName(name, attempt);
@@ -479,7 +491,7 @@ std::string DiskFileService::moveIntoPlace(const std::string& temp, const Job& j
                                      "be longer than " +
                                      std::to_string(maxNameBytes) + " bytes");
         }
-        const int error = moveWithoutReplacing(temp, directory + "/" + candidate);
+        const int error = nameWithoutReplacing(descriptor, temp, directory + "/" + candidate);
         if (error == 0) {
             return candidate;
         }
@@ -498,8 +510,43 @@ std::string DiskFileService::moveIntoPlace(const std::string& temp, const Job& j
     }
 }
 
-// 0, or the errno why the temporary file could not take the name target without replacing
-// what has it.
+int DiskFileService::nameReplacing(int descriptor, const std::string& temp,
+                                   const std::string& target) const {
+    if (!temp.empty()) {
+        return moveFile(temp.c_str(), target.c_str(), 0) == 0 ? 0 : errno;
+    }
+    const int error = linkUnnamed(descriptor, target);
+    if (error != EEXIST) {
+        return error;
+    }
+    // A link cannot replace what has the name. The file takes a temporary name too, and that
+    // replaces it in one step, so the name never stands empty.
+    const std::string pattern = owner->temporaryTemplate();
+    std::string named;
+    for (int attempt = 0;; ++attempt) {
+        named = pattern;
+        fillTemplate(named);
+        const int linked = linkUnnamed(descriptor, named);
+        if (linked == 0) {
+            break;
+        }
+        if (linked != EEXIST || attempt == 99) {
+            return linked;
+        }
+    }
+    if (moveFile(named.c_str(), target.c_str(), 0) == 0) {
+        return 0;
+    }
+    const int failed = errno;
+    ::unlink(named.c_str());
+    return failed;
+}
+
+int DiskFileService::nameWithoutReplacing(int descriptor, const std::string& temp,
+                                          const std::string& target) const {
+    return temp.empty() ? linkUnnamed(descriptor, target) : moveWithoutReplacing(temp, target);
+}
+
 int DiskFileService::moveWithoutReplacing(const std::string& temp,
                                           const std::string& target) const {
     if (moveFile(temp.c_str(), target.c_str(), RENAME_NOREPLACE) == 0) {
@@ -519,7 +566,45 @@ int DiskFileService::moveWithoutReplacing(const std::string& temp,
     return 0;
 }
 
+int DiskFileService::linkUnnamed(int descriptor, const std::string& target) const {
+    // By its descriptor where the kernel lets the process that opened the file do that;
+    // otherwise through /proc, as every kernel that makes unnamed files allows.
+    if (linkByDescriptor.load(std::memory_order_relaxed)) {
+        if (::linkat(descriptor, "", AT_FDCWD, target.c_str(), AT_EMPTY_PATH) == 0) {
+            return 0;
+        }
+        if (errno != ENOENT && errno != EPERM) {
+            return errno;
+        }
+    }
+    const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, target.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+        return errno;
+    }
+    linkByDescriptor.store(false, std::memory_order_relaxed);
+    return 0;
+}
+
 int DiskFileService::openTemporary(std::string& path) const {
+    path.clear();
+    // An unnamed file has no name to create and none to rename away: its directory is locked
+    // only once, to link it, and a crash leaves nothing behind. Creating a name is what costs
+    // on a directory where many files were deleted.
+    if (unnamedFiles.load(std::memory_order_relaxed)) {
+        const int descriptor = ::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
+        if (descriptor >= 0) {
+            return descriptor;
+        }
+        // A filesystem or kernel without unnamed files says so in one of these ways.
+        if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
+            return -1;
+        }
+        unnamedFiles.store(false, std::memory_order_relaxed);
+    }
+    return openNamedTemporary(path);
+}
+
+int DiskFileService::openNamedTemporary(std::string& path) const {
     const std::string pattern = owner->temporaryTemplate();
     for (int attempt = 0; attempt < 100; ++attempt) {
         path = pattern;

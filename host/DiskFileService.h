@@ -4,6 +4,7 @@
 #include "host/InstanceOwner.h"
 #include "host/RecentDuration.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -56,6 +57,9 @@ public:
     // Gives the file named from the name to, as renameat2 does with flags 0 or
     // RENAME_NOREPLACE; returns 0, or -1 with errno set. An empty one asks the system. Tests
     // pass their own to act as a filesystem that cannot rename without replacing, or to fail.
+    // Given one, the service writes every file under a temporary name, as it does where the
+    // filesystem cannot make unnamed files; otherwise a file is written unnamed and linked to
+    // its name once it is on disk.
     using MoveFile = std::function<int(const char* from, const char* to, unsigned flags)>;
 
     // The most numbered names ConflictPolicy::rename tries before it gives up.
@@ -106,8 +110,15 @@ private:
     void complete(Job& job) const; // stores the file and resolves the job's promise
     void stopWriters() noexcept;
     file_common::v1::FileInfo store(Job& job) const;
-    std::string moveIntoPlace(const std::string& temp, const Job& job) const;
+    // The written file is open at descriptor; temp is its temporary name, empty for an
+    // unnamed file.
+    std::string moveIntoPlace(int descriptor, const std::string& temp, const Job& job) const;
+    // These give the written file the name target and return 0, or the errno why not.
+    int nameReplacing(int descriptor, const std::string& temp, const std::string& target) const;
+    int nameWithoutReplacing(int descriptor, const std::string& temp,
+                             const std::string& target) const;
     int moveWithoutReplacing(const std::string& temp, const std::string& target) const;
+    int linkUnnamed(int descriptor, const std::string& target) const;
     std::string targetName(const std::u16string& path) const;
     // Makes the directory entries made so far durable: 0, or the errno of the failure. Where
     // syncs take long, callers that come while one runs share the next one, so many requests
@@ -115,9 +126,10 @@ private:
     int syncDirectoryEntries() const;
     int timedSync() const;        // one sync, unshared, its duration noted
     int syncDirectoryNow() const; // one sync, unshared
-    // Creates a new temporary file for writing; its path goes to path. The descriptor, or -1
-    // with errno set.
+    // Creates a new temporary file for writing, unnamed where it can, and sets path to its
+    // temporary name (empty for an unnamed file). The descriptor, or -1 with errno set.
     int openTemporary(std::string& path) const;
+    int openNamedTemporary(std::string& path) const;
 
     std::string directory;
     std::u16string directoryPrefix; // "<directory>/" in UTF-16, as paths arrive
@@ -126,6 +138,10 @@ private:
     MoveFile moveFile;
     std::unique_ptr<InstanceOwner> owner; // released after the writers have stopped
     bool fixPermissions = true;           // the umask takes bits of 0644 from new files
+    // Files are written unnamed: until a filesystem says it cannot, unless a MoveFile was given.
+    mutable std::atomic<bool> unnamedFiles;
+    // Unnamed files are linked by their descriptor: until the kernel refuses it to this process.
+    mutable std::atomic<bool> linkByDescriptor{true};
     // The directory syncs: numbered in the order they start, one at a time.
     struct DirectorySyncs {
         struct Outcome {

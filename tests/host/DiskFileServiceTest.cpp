@@ -123,6 +123,41 @@ TEST_F(DiskFileServiceTest, storesBytesExactlyReplacesOnlyWhenAskedAndLeavesNoTe
     }
 }
 
+// A file is never seen in part, under any name: whoever looks at the directory while a large
+// file is written finds nothing until the file is there whole, so a crash mid-write leaves
+// nothing behind either.
+TEST_F(DiskFileServiceTest, aFileBeingWrittenIsNotSeenInPartUnderAnyName) {
+    DiskFileService service(uploads.string());
+    const auto entries = [this] {
+        std::set<std::string> found;
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(uploads, error)) {
+            found.insert(entry.path().filename().string());
+        }
+        return found;
+    };
+    const std::set<std::string> before = entries(); // the service's own owner file
+    const std::string large(32 << 20, 'x');
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        write(service, in("large"), large).get();
+        done = true;
+    });
+    std::set<std::string> partial;
+    while (!done) {
+        for (const std::string& name : entries()) {
+            std::error_code error;
+            const auto size = std::filesystem::file_size(uploads / name, error);
+            if (before.count(name) == 0 && !error && size != large.size()) {
+                partial.insert(name);
+            }
+        }
+    }
+    writer.join();
+    EXPECT_EQ(partial, std::set<std::string>{});
+    EXPECT_EQ(names(uploads), std::set<std::string>{"large"});
+}
+
 // Every refusal quotes at most a few hundred bytes of the client's text, cut at a character
 // boundary, and no control character, whatever the name was.
 TEST_F(DiskFileServiceTest, refusesEveryPathThatIsNotADirectChildOrNameThatIsUnsafeOrTooLong) {
