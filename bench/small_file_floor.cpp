@@ -1,7 +1,8 @@
 // What the upload directory's filesystem allows for many small files stored at once, with no
 // HTTP and no server: each thread writes files the way the server stores an upload (a new
-// temporary file, one write, fsync, close, rename to the file's name, fsync of the directory)
-// as fast as it can. The server cannot store small uploads faster than this on the same disk.
+// unnamed file, one write, fsync, link to the file's name, close, fsync of the directory; on a
+// filesystem without unnamed files a temporary name and a rename instead) as fast as it can.
+// The server cannot store small uploads faster than this on the same disk.
 //
 //   small_file_floor --dir D [--count 2000] [--threads 16] [--size 4096] [--prefix floor]
 //                    [--directory-sync each|none]
@@ -79,19 +80,34 @@ Options parse(int argc, char** argv) {
     std::exit(1);
 }
 
+void writeAndSync(int file, const std::string& content, const std::string& what) {
+    if (::write(file, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+        ::fsync(file) != 0) {
+        fail("cannot write " + what);
+    }
+}
+
 void storeOne(const Options& options, const std::string& content, std::size_t index) {
     const std::string name = options.dir + "/" + options.prefix + "-" + std::to_string(index);
-    const std::string temp = options.dir + "/." + options.prefix + "-" + std::to_string(index);
-    const int file = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (file < 0) {
-        fail("cannot create " + temp);
-    }
-    if (::write(file, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
-        ::fsync(file) != 0 || ::close(file) != 0) {
-        fail("cannot write " + temp);
-    }
-    if (::rename(temp.c_str(), name.c_str()) != 0) {
-        fail("cannot rename " + temp);
+    const int unnamed = ::open(options.dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
+    if (unnamed >= 0) {
+        writeAndSync(unnamed, content, name);
+        const std::string self = "/proc/self/fd/" + std::to_string(unnamed);
+        if (::linkat(unnamed, "", AT_FDCWD, name.c_str(), AT_EMPTY_PATH) != 0 &&
+            ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+            fail("cannot link " + name);
+        }
+        ::close(unnamed);
+    } else {
+        const std::string temp = options.dir + "/." + options.prefix + "-" + std::to_string(index);
+        const int file = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (file < 0) {
+            fail("cannot create " + temp);
+        }
+        writeAndSync(file, content, temp);
+        if (::close(file) != 0 || ::rename(temp.c_str(), name.c_str()) != 0) {
+            fail("cannot rename " + temp);
+        }
     }
     if (options.directorySync) {
         const int directory = ::open(options.dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

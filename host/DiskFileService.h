@@ -40,9 +40,9 @@ struct StoredFile {
 // active there: that thread runs a request and waits for its file anyway. Other writes run on
 // the service's own writer threads, several at once so that one slow write does not hold up
 // the others, and the thread that wrote a file resolves its future, success or failure. A file is
-// written to a temporary file beside the target, flushed to disk and moved to its name in one step,
-// so a stored file is complete or absent, never partial; what happens to an existing file of the
-// name is the service's ConflictPolicy.
+// written unnamed (or under a temporary name) in the target's directory, flushed to disk and given
+// its name in one step, so a stored file is complete or absent, never partial; what happens to an
+// existing file of the name is the service's ConflictPolicy.
 class DiskFileService : public file::v1::FileService {
 public:
     // Temporary files start with this; no upload may take such a name.

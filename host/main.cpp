@@ -138,7 +138,7 @@ constexpr unsigned writerThreads = 1;
 
 // Many idle clients must not leave the server without descriptors for the files it stores: the
 // soft limit goes up to the hard one, and connections get what is left after a reserve for the
-// files each thread that runs requests holds while it stores one (its temporary file, then the
+// files each thread that runs requests holds while it stores one (the file it writes, then the
 // directory it syncs), and the server's own.
 std::size_t raiseDescriptorLimit(unsigned storingThreads) {
     rlimit limit{};

@@ -210,15 +210,29 @@ class KilledServerTest(ServerTestCase):
     def temp_files(self):
         return [name for name in os.listdir(self.uploads) if serverlib.is_temporary(name)]
 
-    def test_a_kill_mid_write_leaves_no_file_and_the_restart_removes_the_temporary_one(self):
+    def unnamed_files(self):
+        """The files the server has open in the upload directory without a name there: one
+        being written."""
+        fds = "/proc/%d/fd" % self.server.process.pid
+        targets = []
+        for fd in os.listdir(fds):
+            try:
+                targets.append(os.readlink(os.path.join(fds, fd)))
+            except OSError:
+                pass
+        return [t for t in targets
+                if t.startswith(os.path.realpath(self.uploads) + "/")
+                and t.endswith(" (deleted)")]
+
+    def test_a_kill_mid_write_leaves_no_file_and_no_temporary_one(self):
         content = os.urandom(MIB) * 200
         body = multipart(b"kill", [file_part(b"large.bin", content)])
         connection = self.server.connect(timeout=120)
         self.addCleanup(connection.close)
         connection.sendall(request_head(b"/users", b"kill", len(body)) + body)
-        # The temporary file appears once the whole body is in and the write has begun; it
+        # The file is open, unnamed, once the whole body is in and the write has begun; it
         # takes the writer a good while to fill it with 200 MiB and flush them.
-        wait_for(self.temp_files, 120, "the temporary file")
+        wait_for(self.unnamed_files, 120, "the file being written")
         self.server.process.send_signal(signal.SIGKILL)
         self.server.process.wait(20)
         self.server.close()
@@ -226,14 +240,15 @@ class KilledServerTest(ServerTestCase):
                    if not name.startswith(serverlib.OWNER_PREFIX)}
         sys.stderr.write("hostile: SIGKILL during a 200 MiB upload -> left %s\n" % {
             name: os.path.getsize(os.path.join(self.uploads, name)) for name in visible})
-        # Either the temporary file only, or the kill came after the rename: then it is whole.
-        if visible != set(self.temp_files()):
+        # Nothing, or the kill came after the file took its name: then it is whole.
+        self.assertTrue(visible <= {"large.bin"}, visible)
+        if visible:
             self.assertEqual(sha256(os.path.join(self.uploads, "large.bin")),
                              hashlib.sha256(content).hexdigest())
 
         type(self).server = Server(self.uploads)
         self.assertEqual(self.temp_files(), [])
-        # The killed server's owner file went with its temporary file: one owner is left.
+        # The restart removed the killed server's owner file: one owner is left.
         self.assertEqual(len([name for name in os.listdir(self.uploads)
                               if name.startswith(serverlib.OWNER_PREFIX)]), 1)
         self.assertTrue({name for name in os.listdir(self.uploads)
