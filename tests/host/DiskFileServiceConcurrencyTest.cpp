@@ -23,7 +23,16 @@ namespace {
 using file_common::v1::File;
 using file_common::v1::FileInfo;
 using kestrin::testing::thrownText;
-class DiskFileServiceConcurrency : public UploadDirectoryTest {};
+class DiskFileServiceConcurrency : public UploadDirectoryTest {
+protected:
+    // Writes a file of the upload directory whose bytes are its name.
+    Future<FileInfo> writeNamed(DiskFileService& service, const std::string& name) {
+        const std::string path = (uploads / name).string();
+        return service.writeFile(
+            File(FileInfo(std::u16string(path.begin(), path.end())), common::DataBuffer(name)),
+            true);
+    }
+};
 
 // Heavy requests write one file after another, as the module does. A light request's one
 // file must be stored while they are still going: the heavy ones stop only once it is stored,
@@ -38,12 +47,7 @@ TEST_F(DiskFileServiceConcurrency,
         ++syncs;
         return ::fsync(descriptor);
     });
-    const auto write = [&](const std::string& name) {
-        const std::string path = (uploads / name).string();
-        return service.writeFile(
-            File(FileInfo(std::u16string(path.begin(), path.end())), common::DataBuffer(name)),
-            true);
-    };
+    const auto write = [&](const std::string& name) { return writeNamed(service, name); };
     std::atomic<bool> lightStored{false};
     std::array<std::promise<void>, heavy> going;
     std::array<size_t, heavy> stored{};
@@ -195,12 +199,7 @@ TEST_F(DiskFileServiceConcurrency, whereSyncsAreQuickRequestsDoNotWaitForEachOth
     });
     const auto store = [&](const std::string& name) {
         DiskFileService::RequestScope scope(service, 1);
-        const std::string path = (uploads / name).string();
-        service
-            .writeFile(
-                File(FileInfo(std::u16string(path.begin(), path.end())), common::DataBuffer(name)),
-                true)
-            .get();
+        writeNamed(service, name).get();
         scope.finish();
     };
     for (int i = 0; i < 20; ++i) {
@@ -235,12 +234,7 @@ TEST_F(DiskFileServiceConcurrency, aFailedSharedSyncFailsOnlyTheRequestsItCovere
     const auto store = [&](const std::string& name, std::string& failure,
                            std::promise<void>* done) {
         DiskFileService::RequestScope scope(service, 1);
-        const std::string path = (uploads / name).string();
-        service
-            .writeFile(
-                File(FileInfo(std::u16string(path.begin(), path.end())), common::DataBuffer(name)),
-                true)
-            .get();
+        writeNamed(service, name).get();
         if (done != nullptr) {
             done->set_value();
         }
