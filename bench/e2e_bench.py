@@ -14,7 +14,7 @@ switched on) and measures:
   (bench/small_upload_client.cpp): uploads per second and p50/p99 latency, beside the same load
   to the discard route, the client's own ceiling (uploads per second of its CPU time), and the
   filesystem's own floor for small files (bench/small_file_floor.cpp: as many files of the same
-  size written, fsync'ed, renamed and their directory fsync'ed by 16 threads, no HTTP at all,
+  size written, fsync'ed, linked and their directory fsync'ed by 16 threads, no HTTP at all,
   once with a directory sync per file and once with none).
 
 Each large measurement runs --repeat times. A floor is the fastest of its runs (it is what the
@@ -122,20 +122,32 @@ def settle(path):
 
 def disk_floor(source, directory):
     """Seconds to write the file's bytes, already in memory, to the upload directory and fsync
-    them, as the server stores an upload (one write, fsync, rename, directory fsync)."""
+    them, as the server stores an upload (one write to an unnamed file, fsync, link to its name,
+    directory fsync; a temporary name and a rename where the filesystem has no unnamed files)."""
     with open(source, "rb") as file:
         data = file.read()
     temp = os.path.join(directory, "disk-floor.tmp")
     target = os.path.join(directory, "disk-floor.bin")
     started = time.perf_counter()
-    fd = os.open(temp, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+    try:
+        fd = os.open(directory, os.O_TMPFILE | os.O_WRONLY, 0o644)
+        unnamed = True
+    except OSError:
+        fd = os.open(temp, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+        unnamed = False
     view = memoryview(data)
     while view:
         view = view[os.write(fd, view):]
     os.fsync(fd)
-    os.close(fd)
-    os.rename(temp, target)
     dirfd = os.open(directory, os.O_RDONLY)
+    if unnamed:
+        # A directory descriptor makes Python link with linkat, which follows the /proc link
+        # to the file; plain link() would try to link the /proc entry itself.
+        os.link("/proc/self/fd/%d" % fd, target, src_dir_fd=dirfd, follow_symlinks=True)
+        os.close(fd)
+    else:
+        os.close(fd)
+        os.rename(temp, target)
     os.fsync(dirfd)
     os.close(dirfd)
     elapsed = time.perf_counter() - started
