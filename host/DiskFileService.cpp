@@ -228,8 +228,7 @@ DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned wr
                                  MoveFile move)
     : syncDirectory(directorySync ? std::move(directorySync) : DirectorySync(&::fsync))
     , conflictPolicy(onConflict)
-    , moveFile(move ? move : MoveFile(&renameFile))
-    , unnamedFiles(!move) {
+    , moveFile(move ? move : MoveFile(&renameFile)) {
     std::unique_ptr<char, decltype(&std::free)> resolved(
         ::realpath(uploadDirectory.c_str(), nullptr), &std::free);
     if (!resolved) {
@@ -246,6 +245,7 @@ DiskFileService::DiskFileService(const std::string& uploadDirectory, unsigned wr
     owner = std::make_unique<InstanceOwner>(directory);
     owner->removeLeftovers();
     fixPermissions = umaskNarrows0644();
+    temporaries = move ? Temporaries::named : probeTemporaries();
     writerCount = std::max(1u, writerCount);
     writers.reserve(writerCount);
     try {
@@ -566,23 +566,38 @@ int DiskFileService::moveWithoutReplacing(const std::string& temp,
     return 0;
 }
 
-int DiskFileService::linkUnnamed(int descriptor, const std::string& target) const {
-    // By its descriptor where the kernel lets the process that opened the file do that;
-    // otherwise through /proc, as every kernel that makes unnamed files allows.
-    if (linkByDescriptor.load(std::memory_order_relaxed)) {
-        if (::linkat(descriptor, "", AT_FDCWD, target.c_str(), AT_EMPTY_PATH) == 0) {
-            return 0;
+// An empty file tries each way; the one that works takes a temporary name and drops it at once.
+DiskFileService::Temporaries DiskFileService::probeTemporaries() const {
+    FileDescriptor probe(::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644));
+    if (probe.get() < 0) {
+        return Temporaries::named;
+    }
+    std::string name = owner->temporaryTemplate();
+    fillTemplate(name);
+    for (const Temporaries way :
+         {Temporaries::linkedByDescriptor, Temporaries::linkedThroughProc}) {
+        if (link(way, probe.get(), name) == 0) {
+            ::unlink(name.c_str());
+            return way;
         }
-        if (errno != ENOENT && errno != EPERM) {
-            return errno;
-        }
+    }
+    return Temporaries::named;
+}
+
+int DiskFileService::link(Temporaries way, int descriptor, const std::string& target) {
+    // By its descriptor where the kernel lets the process that opened the file do that (Linux
+    // 6.10 on, or with CAP_DAC_READ_SEARCH); through /proc on any kernel that makes such files.
+    if (way == Temporaries::linkedByDescriptor) {
+        return ::linkat(descriptor, "", AT_FDCWD, target.c_str(), AT_EMPTY_PATH) == 0 ? 0 : errno;
     }
     const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
-    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, target.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-        return errno;
-    }
-    linkByDescriptor.store(false, std::memory_order_relaxed);
-    return 0;
+    return ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, target.c_str(), AT_SYMLINK_FOLLOW) == 0
+               ? 0
+               : errno;
+}
+
+int DiskFileService::linkUnnamed(int descriptor, const std::string& target) const {
+    return link(temporaries, descriptor, target);
 }
 
 int DiskFileService::openTemporary(std::string& path) const {
@@ -590,16 +605,15 @@ int DiskFileService::openTemporary(std::string& path) const {
     // An unnamed file has no name to create and none to rename away: its directory is locked
     // only once, to link it, and a crash leaves nothing behind. Creating a name is what costs
     // on a directory where many files were deleted.
-    if (unnamedFiles.load(std::memory_order_relaxed)) {
+    if (temporaries != Temporaries::named) {
         const int descriptor = ::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
         if (descriptor >= 0) {
             return descriptor;
         }
-        // A filesystem or kernel without unnamed files says so in one of these ways.
+        // Another filesystem may have been mounted on the directory since the start.
         if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
             return -1;
         }
-        unnamedFiles.store(false, std::memory_order_relaxed);
     }
     return openNamedTemporary(path);
 }

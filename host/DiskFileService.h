@@ -4,7 +4,6 @@
 #include "host/InstanceOwner.h"
 #include "host/RecentDuration.h"
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -138,10 +137,14 @@ private:
     MoveFile moveFile;
     std::unique_ptr<InstanceOwner> owner; // released after the writers have stopped
     bool fixPermissions = true;           // the umask takes bits of 0644 from new files
-    // Files are written unnamed: until a filesystem says it cannot, unless a MoveFile was given.
-    mutable std::atomic<bool> unnamedFiles;
-    // Unnamed files are linked by their descriptor: until the kernel refuses it to this process.
-    mutable std::atomic<bool> linkByDescriptor{true};
+    // How a file being written is made: unnamed, and linked to its name by its descriptor or
+    // through /proc, where the directory and the kernel allow it; otherwise under a temporary
+    // name. Found out once, at start, unless a MoveFile was given: that stands for renames.
+    enum class Temporaries { linkedByDescriptor, linkedThroughProc, named };
+    Temporaries probeTemporaries() const;
+    // Gives the unnamed file open at descriptor the name target: 0, or the errno why not.
+    static int link(Temporaries way, int descriptor, const std::string& target);
+    Temporaries temporaries = Temporaries::named;
     // The directory syncs: numbered in the order they start, one at a time.
     struct DirectorySyncs {
         struct Outcome {
