@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -135,6 +136,22 @@ std::string echo(std::u16string_view text) {
 }
 
 // Closes the descriptor unless it was handed over with release().
+// Opens as open(2) does, but where the process is out of descriptors it tries again for a
+// while. Under a flood of connections the server closes idle ones to make room within
+// milliseconds, and a file a client is waiting to have stored matters more than a connection
+// that does nothing.
+int openWaitingForDescriptor(const char* path, int flags, mode_t mode = 0) {
+    constexpr int tries = 100;
+    constexpr std::chrono::milliseconds pause{2};
+    for (int attempt = 1;; ++attempt) {
+        const int descriptor = ::open(path, flags, mode);
+        if (descriptor >= 0 || (errno != EMFILE && errno != ENFILE) || attempt == tries) {
+            return descriptor;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+}
+
 class FileDescriptor {
 public:
     explicit FileDescriptor(int descriptor)
@@ -606,7 +623,8 @@ int DiskFileService::openTemporary(std::string& path) const {
     // only once, to link it, and a crash leaves nothing behind. Creating a name is what costs
     // on a directory where many files were deleted.
     if (temporaries != Temporaries::named) {
-        const int descriptor = ::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
+        const int descriptor =
+            openWaitingForDescriptor(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0644);
         if (descriptor >= 0) {
             return descriptor;
         }
@@ -623,7 +641,8 @@ int DiskFileService::openNamedTemporary(std::string& path) const {
     for (int attempt = 0; attempt < 100; ++attempt) {
         path = pattern;
         fillTemplate(path);
-        const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        const int descriptor =
+            openWaitingForDescriptor(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (descriptor >= 0 || errno != EEXIST) {
             return descriptor;
         }
@@ -673,7 +692,8 @@ int DiskFileService::timedSync() const {
 int DiskFileService::syncDirectoryNow() const {
     // Opened by name each time: a descriptor kept open would go on syncing the old directory
     // after the upload directory was removed and made again.
-    FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FileDescriptor dir(
+        openWaitingForDescriptor(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.get() < 0) {
         return errno;
     }

@@ -16,11 +16,13 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -156,6 +158,57 @@ TEST_F(DiskFileServiceTest, aFileBeingWrittenIsNotSeenInPartUnderAnyName) {
     writer.join();
     EXPECT_EQ(partial, std::set<std::string>{});
     EXPECT_EQ(names(uploads), std::set<std::string>{"large"});
+}
+
+// Out of descriptors, as under a flood of connections, a store waits a little for one to come
+// free rather than fail its request; when none does, it fails with the cause. Each case runs
+// in a child process, which alone gives up its descriptors.
+TEST_F(DiskFileServiceTest, aStoreWaitsBrieflyForADescriptorWhenNoneIsFree) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto storeWithoutDescriptors = [this](bool oneComesFree) {
+        DiskFileService service(uploads.string());
+        const auto open = static_cast<rlim_t>(
+            std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = open + 8;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        std::vector<int> taken;
+        for (int descriptor; (descriptor = ::dup(STDIN_FILENO)) >= 0;) {
+            taken.push_back(descriptor);
+        }
+        const auto freeOneSoon = [&] {
+            return std::thread([&] {
+                if (oneComesFree && !taken.empty()) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                    ::close(taken.back());
+                    taken.pop_back();
+                }
+            });
+        };
+        std::string result;
+        {
+            RequestScope scope(service, 1);
+            std::thread freeing = freeOneSoon();
+            result = outcome(write(service, in("a.txt"), "a"));
+            freeing.join();
+            // The file's descriptor is free again once it is stored: taken back, the
+            // directory's sync has to wait for one too.
+            if (oneComesFree) {
+                taken.push_back(::dup(STDIN_FILENO));
+            }
+            freeing = freeOneSoon();
+            result += thrownText<std::runtime_error>([&] { scope.finish(); });
+            freeing.join();
+        }
+        std::fprintf(stderr, "outcome: %s|\n", result.c_str());
+        std::exit(0);
+    };
+    EXPECT_EXIT(storeWithoutDescriptors(true), ::testing::ExitedWithCode(0),
+                "outcome: a\\.txt<nothing thrown>\\|");
+    EXPECT_EXIT(storeWithoutDescriptors(false), ::testing::ExitedWithCode(0),
+                "outcome: Cannot create a temporary file for a\\.txt: Too many open "
+                "files<nothing thrown>\\|");
 }
 
 // Every refusal quotes at most a few hundred bytes of the client's text, cut at a character
