@@ -135,7 +135,6 @@ std::string echo(std::u16string_view text) {
     return quoted;
 }
 
-// Closes the descriptor unless it was handed over with release().
 // Opens as open(2) does, but where the process is out of descriptors it tries again for a
 // while. Under a flood of connections the server closes idle ones to make room within
 // milliseconds, and a file a client is waiting to have stored matters more than a connection
@@ -152,6 +151,7 @@ int openWaitingForDescriptor(const char* path, int flags, mode_t mode = 0) {
     }
 }
 
+// Closes the descriptor unless it was handed over with release().
 class FileDescriptor {
 public:
     explicit FileDescriptor(int descriptor)
@@ -457,7 +457,7 @@ file_common::v1::FileInfo DiskFileService::store(Job& job) const {
         }
         throw;
     }
-    // The rename is durable only once the directory entry is on disk too. A request's scope
+    // The new name is durable only once the directory entry is on disk too. A request's scope
     // syncs the directory once for all its files; a file stored outside one, or after its
     // scope has synced, syncs it here.
     const uint64_t size = file.content.getSize();
