@@ -252,8 +252,7 @@ bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t max
     std::function<std::size_t(std::uint64_t, beast::string_view, beast::error_code&)> chunkBody =
         [&](std::uint64_t, beast::string_view piece, beast::error_code& ec) {
             return gate.appendChunk(parser.get().body(),
-                                    std::string_view(piece.data(), piece.size()), verdict.charge,
-                                    ec);
+                                    std::string_view(piece.data(), piece.size()), verdict, ec);
         };
     parser.header_limit(headerLimit);
     parser.body_limit(maxBody);

@@ -356,6 +356,12 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "later uploads, within --max-memory, freed after a minute unused (default 1G; 0 "
            "frees each one at once)",
            size(server.keptBodyBytes, 0));
+    option("min-free", "SIZE",
+           "space to keep free on the upload directory's filesystem: an upload whose body "
+           "would leave less, counting the uploads under way, gets 507 before it is read, and "
+           "/healthz reports the filesystem full once less is free (default: 5% of the "
+           "filesystem, at most 1G; 0 keeps none)",
+           [&config](const std::string& value) { config.minFree = parseSize(value); });
     option("max-files", "N",
            "files one request may store (default 1000); the next is refused with a 400 result "
            "page",

@@ -26,6 +26,7 @@ struct Configuration {
     std::string authFile;                      // empty: no authentication
     std::optional<std::uint64_t> maxMemory;    // default: from the machine
     std::optional<std::size_t> maxConnections; // default: from the descriptor limit
+    std::optional<std::uint64_t> minFree;      // default: from the filesystem's size
     std::string onConflict = "replace";        // replace, refuse or rename
     std::string logFormat = "text";            // text or json
     std::string tlsCertificate;                // both empty: plain HTTP

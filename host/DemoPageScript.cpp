@@ -109,6 +109,7 @@ function hostOutcome(status, size) {
   case 413: return ["refused", size > largestBody ? overLimit(size)
     : `${formatBytes(size)} is over the server's limit, which is lower than when this page was loaded. Reload the page to see it.`];
   case 503: return ["failed", "The server is busy. Try again in a few seconds."];
+  case 507: return ["failed", "The server's disk is full. Try again later, or contact support."];
   }
   if (status >= 500) {
     return ["failed", "The server failed. Try again later, or contact support."];
@@ -381,7 +382,8 @@ form.addEventListener("submit", (event) => {
 // The server's own answers (too large, refused) are plain text and post no message; the frame
 // cannot see their status, so it is read off the reason phrase they open with.
 const reasons = { "Bad Request": 400, "Unauthorized": 401, "Forbidden": 403, "Not Found": 404,
-                  "Request Timeout": 408, "Payload Too Large": 413, "Service Unavailable": 503 };
+                  "Request Timeout": 408, "Payload Too Large": 413, "Service Unavailable": 503,
+                  "Insufficient Storage": 507 };
 formFrame.addEventListener("load", () => {
   if (!formPending) {
     return;

@@ -82,12 +82,13 @@ std::optional<std::string> normalizeOrigin(std::string_view text) {
 RequestGate::RequestGate(GateSettings gateSettings,
                          std::shared_ptr<const RequestDispatcher> requestDispatcher,
                          MemoryBudget* memoryBudget, BasicAuth* basicAuth,
-                         StatusEndpoints statusEndpoints)
+                         StatusEndpoints statusEndpoints, DiskReserve* diskReserve)
     : settings(std::move(gateSettings))
     , dispatcher(std::move(requestDispatcher))
     , budget(memoryBudget)
     , auth(basicAuth)
-    , endpoints(std::move(statusEndpoints)) {
+    , endpoints(std::move(statusEndpoints))
+    , disk(diskReserve) {
     for (std::string& origin : settings.allowedOrigins) {
         origin = normalizeOrigin(origin).value_or(lower(origin));
     }
@@ -198,12 +199,23 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
         return verdict;
     }
     if (contentLength && *contentLength > 0) {
-        if (std::optional<Reply> refusal = memoryRefusal(*contentLength, verdict)) {
+        // The disk first: an upload it cannot take is refused for longer than one that waits
+        // for memory, and takes no memory while it is told so.
+        std::optional<Reply> refusal = diskRefusal(*contentLength, verdict);
+        if (!refusal) {
+            refusal = memoryRefusal(*contentLength, verdict);
+        }
+        if (refusal) {
             verdict.reply = std::move(*refusal);
             return verdict;
         }
-    } else if (budget != nullptr) {
-        verdict.charge = budget->empty();
+    } else {
+        if (budget != nullptr) {
+            verdict.charge = budget->empty();
+        }
+        if (disk != nullptr) {
+            verdict.disk = disk->empty();
+        }
     }
     const auto contentType = head.find(http::field::content_type);
     if (contentType != head.end()) {
@@ -329,6 +341,34 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
     return std::nullopt;
 }
 
+namespace {
+
+Reply diskFull(std::uint64_t needed, const DiskReserve& disk,
+               const DiskReserve::Shortfall& shortfall) {
+    return refuse(507,
+                  "Insufficient Storage: the server's disk is too full to take this upload; "
+                  "retry later",
+                  "disk: " + std::to_string(shortfall.free) + " bytes free, " +
+                      std::to_string(shortfall.promised) + " promised to uploads under way, " +
+                      std::to_string(needed) + " more needed, " + std::to_string(disk.keep()) +
+                      " kept free");
+}
+
+} // namespace
+
+std::optional<Reply> RequestGate::diskRefusal(std::uint64_t length, Verdict& verdict) const {
+    if (disk == nullptr) {
+        return std::nullopt;
+    }
+    DiskReserve::Shortfall shortfall;
+    std::optional<DiskReserve::Claim> claim = disk->claim(length, &shortfall);
+    if (!claim) {
+        return diskFull(length, *disk, shortfall);
+    }
+    verdict.disk = std::move(*claim);
+    return std::nullopt;
+}
+
 std::uint64_t RequestGate::chargeFor(std::uint64_t bodyCapacity) {
     return 2 * bodyCapacity + requestOverhead;
 }
@@ -346,6 +386,12 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
         return refuseAndClose(
             413, "Payload Too Large: the body no longer fits in the memory of this server",
             "body without a length grew past the memory budget");
+    }
+    if (ec == boost::system::errc::no_space_on_device) {
+        return refuseAndClose(507,
+                              "Insufficient Storage: the server's disk is too full to take this "
+                              "upload; retry later",
+                              "disk: body without a length grew past the space kept free");
     }
     if (ec == boost::system::errc::not_enough_memory) {
         Reply reply =
@@ -379,15 +425,24 @@ Reply RequestGate::timedOut(Stage stage) const {
 }
 
 std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view piece,
-                                     MemoryBudget::Reservation& charge,
-                                     boost::beast::error_code& ec) const {
+                                     Verdict& verdict, boost::beast::error_code& ec) const {
+    MemoryBudget::Reservation& charge = verdict.charge;
     const std::size_t needed = body.getSize() + piece.size();
     if (needed > body.getCapacity()) {
-        // The buffer's own growth, so the charge covers what it will really take.
+        // The buffer's own growth, so the charge covers what it will really take. The disk is
+        // claimed in the same steps, so a body sent in tiny chunks looks at it only a few
+        // times.
         const std::size_t capacity = std::max(2 * body.getCapacity(), needed);
         const std::uint64_t due = chargeFor(capacity);
-        if (budget != nullptr && due > charge.bytes() && !charge.grow(due - charge.bytes())) {
+        const std::uint64_t charged = charge.bytes();
+        if (budget != nullptr && due > charged && !charge.grow(due - charged)) {
             ec = boost::system::errc::make_error_code(boost::system::errc::file_too_large);
+            return 0;
+        }
+        const std::uint64_t claimed = verdict.disk.bytes();
+        if (capacity > claimed && !verdict.disk.grow(capacity - claimed)) {
+            charge.shrink(charge.bytes() - charged);
+            ec = boost::system::errc::make_error_code(boost::system::errc::no_space_on_device);
             return 0;
         }
         try {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/DataBuffer.h"
+#include "host/DiskReserve.h"
 #include "host/MemoryBudget.h"
 #include "host/RequestDispatcher.h"
 
@@ -62,6 +63,9 @@ struct Verdict {
     // Memory held for the body and the copy the module makes of its part, from the budget;
     // a body without a length starts with none and is charged as it grows.
     MemoryBudget::Reservation charge;
+    // The disk space the body's files may take, claimed from the reserve kept free; a body
+    // without a length claims as it grows.
+    DiskReserve::Claim disk;
     // The authenticated user, when authentication is on.
     std::string user;
     // How long to hold an answer back: a client guessing passwords waits for each answer, so
@@ -90,9 +94,11 @@ public:
     // head, the part header map, the answer page.
     static constexpr std::uint64_t requestOverhead = 64 * 1024;
 
-    // auth may be null: no authentication. budget may be null: no memory bound.
+    // auth may be null: no authentication. budget may be null: no memory bound. disk may be
+    // null: no space is kept free.
     RequestGate(GateSettings settings, std::shared_ptr<const RequestDispatcher> dispatcher,
-                MemoryBudget* budget, BasicAuth* auth, StatusEndpoints endpoints = {});
+                MemoryBudget* budget, BasicAuth* auth, StatusEndpoints endpoints = {},
+                DiskReserve* disk = nullptr);
 
     static constexpr std::string_view healthPath = "/healthz";
     static constexpr std::string_view metricsPath = "/metrics";
@@ -117,13 +123,14 @@ public:
     // The answer to a client that fell behind the deadline of its head or its body.
     [[nodiscard]] Reply timedOut(Stage stage) const;
 
-    // Appends a piece of a body without a length (a chunk), first charging charge for the room
-    // the body grows by: such a body was admitted with nothing and must earn every byte.
-    // Returns the bytes taken, as the parser's chunk callback does; on failure none, the body
-    // and the charge as they were, and ec a failure that onReadError answers (413 once the body
-    // no longer fits the budget, 503 when memory runs out).
-    std::size_t appendChunk(common::DataBuffer& body, std::string_view piece,
-                            MemoryBudget::Reservation& charge, boost::beast::error_code& ec) const;
+    // Appends a piece of a body without a length (a chunk), first charging the verdict's memory
+    // and disk claims for the room the body grows by: such a body was admitted with nothing
+    // and must earn every byte. Returns the bytes taken, as the parser's chunk callback does;
+    // on failure none, the body and the claims as they were, and ec a failure that onReadError
+    // answers (413 once the body no longer fits the budget, 503 when memory runs out, 507 when
+    // the disk could not take it and keep its reserve).
+    std::size_t appendChunk(common::DataBuffer& body, std::string_view piece, Verdict& verdict,
+                            boost::beast::error_code& ec) const;
 
     // By when a head whose first byte came at firstByte must be complete.
     Clock::time_point headDeadline(Clock::time_point firstByte) const;
@@ -151,6 +158,7 @@ public:
 private:
     std::optional<Reply> crossSiteRefusal(const Head& head) const;
     std::optional<Reply> memoryRefusal(std::uint64_t length, Verdict& verdict) const;
+    std::optional<Reply> diskRefusal(std::uint64_t length, Verdict& verdict) const;
     std::optional<Reply> statusEndpoint(const Head& head, std::string_view path,
                                         bool authenticated) const;
 
@@ -159,6 +167,7 @@ private:
     MemoryBudget* budget;
     BasicAuth* auth;
     StatusEndpoints endpoints;
+    DiskReserve* disk;
     std::string demoPage;
 };
 

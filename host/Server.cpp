@@ -198,7 +198,7 @@ struct Shared {
         , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
                             serverOptions.discardRoute, serverOptions.headerTimeout,
                             serverOptions.minBodyRate, serverOptions.idleTimeout},
-               parts.dispatcher, &budget, parts.auth.get(), endpoints())
+               parts.dispatcher, &budget, parts.auth.get(), endpoints(), parts.disk.get())
         , table(ConnectionTable::Limits{serverOptions.maxConnections,
                                         serverOptions.maxConnectionsPerClient,
                                         serverOptions.minBodyRate})
@@ -828,8 +828,8 @@ private:
         // The guard keeps the IO threads running until the reply has been handed back.
         auto call = [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
                      destination = verdict.destination, boundary = std::move(verdict.boundary),
-                     charge = std::move(verdict.charge), partBlock = std::move(partBlock),
-                     body = std::move(request.body())]() mutable {
+                     charge = std::move(verdict.charge), disk = std::move(verdict.disk),
+                     partBlock = std::move(partBlock), body = std::move(request.body())]() mutable {
             Shared& state = *self->shared;
             const std::size_t bodyBytes = body.getSize();
             const auto started = Clock::now();
@@ -872,6 +872,8 @@ private:
                     stored = self->collectStored(*scope);
                 }
             }
+            // The files are written, or never will be: the free space counts them now.
+            disk.release();
             state.placement.record(bodyBytes, Clock::now() - started);
             // The body's storage, then the part's, stay charged while kept for later requests.
             state.bodies.give(std::move(returned), &charge);
@@ -1143,9 +1145,8 @@ private:
     // Beast holds the chunk callback by reference: it lives as long as the session.
     std::function<std::size_t(std::uint64_t, beast::string_view, beast::error_code&)> chunkBody =
         [this](std::uint64_t, beast::string_view piece, beast::error_code& ec) {
-            return shared->gate.appendChunk(parser->get().body(),
-                                            std::string_view(piece.data(), piece.size()),
-                                            verdict.charge, ec);
+            return shared->gate.appendChunk(
+                parser->get().body(), std::string_view(piece.data(), piece.size()), verdict, ec);
         };
     Verdict verdict;
     std::optional<PartHeaderCheck> partCheck;

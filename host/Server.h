@@ -19,6 +19,7 @@ namespace kestrin::host {
 
 class BasicAuth;
 class DiskFileService;
+class DiskReserve;
 
 struct ServerOptions {
     // An address or a host name; empty: every interface, IPv6 and IPv4.
@@ -68,6 +69,8 @@ struct ServerParts {
     std::shared_ptr<BasicAuth> auth;
     // Why uploads cannot be stored now, or nothing: GET /healthz. Empty: no such endpoint.
     std::function<std::optional<std::string>()> healthProblem;
+    // The space kept free on the upload directory's filesystem. Null: none is.
+    std::shared_ptr<DiskReserve> disk;
 };
 
 // The HTTP side of the server: accepts connections within their limits, reads each request's

@@ -8,6 +8,7 @@
 #include "host/BasicAuth.h"
 #include "host/Configuration.h"
 #include "host/DiskFileService.h"
+#include "host/DiskReserve.h"
 #include "host/MemoryBudget.h"
 #include "host/RequestDispatcher.h"
 #include "host/RequestGate.h"
@@ -102,7 +103,8 @@ void enterDirectory(const std::string& directory) {
 
 // Why uploads cannot be stored now, or nothing: asked on every GET /healthz, so it costs a few
 // system calls and writes nothing.
-std::optional<std::string> storageProblem(const kestrin::http::HttpServiceProvider& provider) {
+std::optional<std::string> storageProblem(const kestrin::http::HttpServiceProvider& provider,
+                                          const kestrin::host::DiskReserve* disk) {
     if (!provider.running.load()) {
         return "the upload service is not running";
     }
@@ -122,7 +124,22 @@ std::optional<std::string> storageProblem(const kestrin::http::HttpServiceProvid
             return "the upload directory's filesystem is full";
         }
     }
+    if (disk != nullptr) {
+        if (const std::optional<std::uint64_t> free = disk->belowReserve()) {
+            return "the upload directory's filesystem has " + std::to_string(*free) +
+                   " bytes free, less than the " + std::to_string(disk->keep()) +
+                   " kept free (--min-free)";
+        }
+    }
     return std::nullopt;
+}
+
+// Space kept free: 5% of the filesystem, which leaves a small disk most of itself, and no more
+// than 1 GiB, which is room enough for logs and the system on a large one.
+std::uint64_t defaultMinFree() {
+    constexpr std::uint64_t most = std::uint64_t{1} << 30;
+    const std::optional<std::uint64_t> size = kestrin::host::filesystemBytesAt(".");
+    return size ? std::min(most, *size / 20) : most;
 }
 
 kestrin::host::ConflictPolicy conflictPolicy(const std::string& name) {
@@ -212,6 +229,12 @@ int serve(kestrin::host::Configuration arguments) {
         }
     }
     enterDirectory(arguments.directory);
+    const std::uint64_t minFree = arguments.minFree.value_or(defaultMinFree());
+    std::shared_ptr<host::DiskReserve> disk;
+    if (minFree > 0) {
+        // The working directory, read at every look like the directory the files go to.
+        disk = std::make_shared<host::DiskReserve>(minFree, [] { return host::freeBytesAt("."); });
+    }
     auto fileService = std::make_shared<host::DiskFileService>(
         ".", writerThreads, host::DiskFileService::DirectorySync(),
         conflictPolicy(arguments.onConflict));
@@ -228,9 +251,10 @@ int serve(kestrin::host::Configuration arguments) {
     dispatcher->addService(address, provider);
 
     {
-        host::Server server(options,
-                            host::ServerParts{dispatcher, fileService, uploadService, auth,
-                                              [provider] { return storageProblem(*provider); }});
+        host::Server server(
+            options, host::ServerParts{
+                         dispatcher, fileService, uploadService, auth,
+                         [provider, disk] { return storageProblem(*provider, disk.get()); }, disk});
         const std::string host = options.address.empty() ? "0.0.0.0" : options.address;
         const bool bracketed = host.find(':') != std::string::npos;
         std::cout << "listening on " << (options.tlsCertificate.empty() ? "http" : "https") << "://"
@@ -242,8 +266,8 @@ int serve(kestrin::host::Configuration arguments) {
                 "); memory " + mebibytes(options.maxMemory) + ", bodies up to " +
                 mebibytes(options.maxBody) + ", " + std::to_string(options.maxConnections) +
                 " connections (" + std::to_string(options.maxConnectionsPerClient) +
-                " per client), " + std::to_string(options.maxFiles) + " files a request" +
-                (auth ? ", authentication on" : "") +
+                " per client), " + std::to_string(options.maxFiles) + " files a request, " +
+                mebibytes(minFree) + " of disk kept free" + (auth ? ", authentication on" : "") +
                 (options.tlsCertificate.empty() ? "" : ", HTTPS") +
                 (arguments.configFile.empty() ? "" : "; settings from " + arguments.configFile));
 

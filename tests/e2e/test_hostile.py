@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Hostile requests against the real server: every one gets a clear status (and, from the
 module, a result page that stays one script string), nothing lands outside the upload
-directory, and the server goes on serving. Then a server killed mid-write and restarted.
+directory, and the server goes on serving. Then a server killed mid-write and restarted, and
+clients that try to fill the upload directory's filesystem (mounted for the test: needs root).
 
 Each answer is logged as "hostile: <input> -> <status> <message>" on stderr.
 
@@ -9,8 +10,12 @@ The server binary comes from KESTRIN_SERVER (set by CTest) or the first argument
 
 import hashlib
 import os
+import shutil
 import signal
+import subprocess
 import sys
+import tempfile
+import threading
 import time
 import unittest
 
@@ -258,6 +263,118 @@ class KilledServerTest(ServerTestCase):
             self.assertEqual(read_response(again), (200, SUCCESS_PAGE))
         self.assertEqual(sha256(os.path.join(self.uploads, "large.bin")),
                          hashlib.sha256(content).hexdigest())
+
+
+class DiskReserveTest(unittest.TestCase):
+    """Clients that try to fill the upload directory's filesystem, a 64 MiB one of its own,
+    find the space the server keeps free untouched, whether they come at once or in chunks."""
+
+    SIZE = 64 * MIB
+    KEEP = 16 * MIB
+
+    def setUp(self):
+        serverlib.skip_without_server()
+        self.root = tempfile.mkdtemp(prefix="kestrin-disk-")
+        self.addCleanup(shutil.rmtree, self.root, True)
+        self.uploads = os.path.join(self.root, "uploads")
+        os.mkdir(self.uploads)
+        mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=%d" % self.SIZE, "tmpfs",
+                                  self.uploads], capture_output=True)
+        if mounted.returncode != 0:
+            self.skipTest("cannot mount a small filesystem: %s" % mounted.stderr.decode())
+        self.addCleanup(subprocess.run, ["umount", "-l", self.uploads])
+        self.server = Server(self.uploads, "--min-free", str(self.KEEP), "--max-body", "64M")
+        self.addCleanup(self.server.close)
+
+    def names(self):
+        """The files in the upload directory, the server's owner file aside."""
+        return sorted(name for name in os.listdir(self.uploads)
+                      if not name.startswith(serverlib.OWNER_PREFIX))
+
+    def free(self):
+        space = os.statvfs(self.uploads)
+        return space.f_bavail * space.f_frsize
+
+    def send(self, name, content, chunk=None):
+        """Uploads one file, in one piece or in chunks of chunk bytes; (status, body)."""
+        body = multipart(b"disk", [file_part(name.encode(), content)])
+        with self.server.connect(timeout=60) as connection:
+            if chunk is None:
+                connection.sendall(request_head(b"/users", b"disk", len(body)) + body)
+            else:
+                head = request_head(b"/users", b"disk", 0).replace(
+                    b"Content-Length: 0", b"Transfer-Encoding: chunked")
+                try:
+                    connection.sendall(head)
+                    for start in range(0, len(body), chunk):
+                        piece = body[start:start + chunk]
+                        connection.sendall(b"%x\r\n%s\r\n" % (len(piece), piece))
+                    connection.sendall(b"0\r\n\r\n")
+                except (BrokenPipeError, ConnectionResetError):
+                    pass  # refused mid-body: the answer is waiting
+            return read_response(connection)
+
+    def test_uploads_at_once_or_in_chunks_never_take_the_space_kept_free(self):
+        refused = b"Insufficient Storage: the server's disk is too full to take this upload; " \
+                  b"retry later\n"
+        contents = {"at-once-%d.bin" % i: os.urandom(8 * MIB) for i in range(12)}
+        answers = {}
+
+        def send(name):
+            answers[name] = self.send(name, contents[name])
+
+        threads = [threading.Thread(target=send, args=(name,)) for name in contents]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join(120)
+        stored = sorted(name for name, answer in answers.items() if answer[0] == 200)
+        sys.stderr.write("hostile: 12 uploads of 8 MiB at once on 64 MiB keeping 16 -> %d "
+                         "stored, %.1f MiB free\n" % (len(stored), self.free() / MIB))
+        self.assertEqual(len(answers), 12)
+        for name, answer in answers.items():
+            self.assertIn(answer, [(200, SUCCESS_PAGE), (507, refused)], name)
+        # Each admitted upload claimed its whole body, so at most (64 - 16) / 8 got in.
+        self.assertTrue(1 <= len(stored) <= 5, stored)
+        self.assertGreaterEqual(self.free(), self.KEEP)
+        self.assertEqual(self.names(), stored)
+        for name in stored:
+            self.assertEqual(sha256(os.path.join(self.uploads, name)),
+                             hashlib.sha256(contents[name]).hexdigest())
+        log = self.server.logged()
+        self.assertEqual(log.count(" 507 "), 12 - len(stored), log)
+        self.assertIn("kept free\"", log)
+
+        # A body without a length is stopped once it grows past the room left.
+        status, body = self.send("chunked.bin", os.urandom(self.SIZE), chunk=MIB)
+        self.assertEqual((status, body), (507, refused))
+        self.assertNotIn("chunked.bin", self.names())
+        self.assertGreaterEqual(self.free(), self.KEEP)
+
+        # Health says so once the space kept free is gone, whoever took it, and recovers.
+        self.assertEqual(read_health(self.server)[0], 200)
+        filler = os.path.join(self.uploads, "filler")
+        with open(filler, "wb") as file:
+            file.write(b"f" * (self.free() - self.KEEP + MIB))
+        status, text = read_health(self.server)
+        self.assertEqual(status, 503)
+        self.assertIn(b"kept free (--min-free)", text)
+        self.assertEqual(self.send("small.bin", b"s" * 1024)[0], 507)
+        for name in self.names():
+            os.unlink(os.path.join(self.uploads, name))
+        self.assertEqual(read_health(self.server)[0], 200)
+        # With the space back, uploads go in again, chunked ones too.
+        content = os.urandom(20 * MIB)
+        self.assertEqual(self.send("after.bin", content, chunk=MIB), (200, SUCCESS_PAGE))
+        self.assertEqual(sha256(os.path.join(self.uploads, "after.bin")),
+                         hashlib.sha256(content).hexdigest())
+        self.assertEqual(self.server.stop(), 0)
+
+
+def read_health(server):
+    with server.connect() as connection:
+        connection.sendall(b"GET /healthz HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n")
+        return read_response(connection)
 
 
 if __name__ == "__main__":

@@ -218,7 +218,7 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
     const std::string piece(300, 'x');
     beast::error_code ec;
     for (int i = 0; i < 4; ++i) {
-        ASSERT_EQ(gate.appendChunk(body, piece, chunked.charge, ec), piece.size());
+        ASSERT_EQ(gate.appendChunk(body, piece, chunked, ec), piece.size());
         ASSERT_FALSE(ec);
         EXPECT_EQ(chunked.charge.bytes(), RequestGate::chargeFor(body.getCapacity()));
     }
@@ -226,7 +226,7 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
     const std::string large(budget.limit() / 2, 'y');
     const std::size_t size = body.getSize();
     const std::uint64_t charged = chunked.charge.bytes();
-    EXPECT_EQ(gate.appendChunk(body, large, chunked.charge, ec), 0u);
+    EXPECT_EQ(gate.appendChunk(body, large, chunked, ec), 0u);
     EXPECT_EQ(body.getSize(), size);
     EXPECT_EQ(chunked.charge.bytes(), charged);
     EXPECT_EQ(budget.used(), charged);
@@ -235,6 +235,54 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
     EXPECT_EQ(answer->status, 413u);
     EXPECT_EQ(text(*answer),
               "Payload Too Large: the body no longer fits in the memory of this server\n");
+}
+
+TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBody) {
+    std::uint64_t free = 10'000;
+    DiskReserve disk(2'000, [&free] { return std::optional<std::uint64_t>(free); });
+    MemoryBudget budget(1 << 20);
+    const RequestGate gate(GateSettings{}, uploadDispatcher(), &budget, nullptr, {}, &disk);
+    const std::string insufficient =
+        "Insufficient Storage: the server's disk is too full to take this upload; retry later\n";
+
+    Verdict first = decide(gate, "Content-Length: 6000\r\n");
+    EXPECT_EQ(first.kind, Kind::service);
+    EXPECT_EQ(first.disk.bytes(), 6000u);
+    // The second would fit the free space alone, not beside what the first may still write;
+    // it is told so without taking any memory.
+    const Verdict second = decide(gate, "Content-Length: 2001\r\n");
+    EXPECT_EQ(second.kind, Kind::answer);
+    EXPECT_EQ(second.reply.status, 507u);
+    EXPECT_EQ(text(second.reply), insufficient);
+    EXPECT_EQ(second.reply.detail,
+              "disk: 10000 bytes free, 6000 promised to uploads under way, 2001 more needed, "
+              "2000 kept free");
+    EXPECT_EQ(budget.used(), first.charge.bytes());
+    EXPECT_EQ(decide(gate, "Content-Length: 2000\r\n").kind, Kind::service);
+    first = Verdict();
+    EXPECT_EQ(disk.promised(), 0u);
+    // Requests without a body claim nothing.
+    EXPECT_EQ(decide(gate, "").disk.bytes(), 0u);
+    EXPECT_EQ(decide(gate, "", "GET / HTTP/1.1").reply.status, 200u);
+
+    // A body without a length claims disk as it grows; once it cannot, the read fails with
+    // 507 and its memory charge is as it was.
+    Verdict chunked = decide(gate, "Transfer-Encoding: chunked\r\n");
+    common::DataBuffer body;
+    beast::error_code ec;
+    const std::string piece(3000, 'x');
+    ASSERT_EQ(gate.appendChunk(body, piece, chunked, ec), piece.size());
+    EXPECT_GE(chunked.disk.bytes(), body.getSize());
+    free = 6'000;
+    const std::uint64_t charged = chunked.charge.bytes();
+    EXPECT_EQ(gate.appendChunk(body, piece + piece, chunked, ec), 0u);
+    EXPECT_EQ(chunked.charge.bytes(), charged);
+    EXPECT_EQ(budget.used(), charged);
+    const std::optional<Reply> answer = gate.onReadError(ec, RequestGate::Stage::body);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 507u);
+    EXPECT_TRUE(answer->close);
+    EXPECT_EQ(text(*answer), insufficient);
 }
 
 TEST(RequestGate, routesTheRestAsBeforeAndReadsTheBoundary) {
