@@ -260,16 +260,17 @@ async def good_upload(ctx, server, extra=(), timeout=10):
     return Good(label, seconds, ok)
 
 
-async def upload_large(server, name, size, source=GOOD_SOURCE):
-    """One file of size bytes, streamed; a stored file is checked for its size and removed at
-    once, to spare the disk. Sets answer.whole."""
+async def upload_large(server, name, size, source=GOOD_SOURCE, keep=False):
+    """One file of size bytes, streamed; a stored file is checked for its size and, unless
+    kept, removed at once to spare the disk. Sets answer.whole."""
     body = [part_head(name.encode()), *repeated(BLOCK, size), CLOSING]
     length = sum(len(piece) for piece in body)
     answer = await exchange(server.port, request_head(server.port, length), body, source, 600)
     path = os.path.join(server.directory, name)
     answer.whole = os.path.exists(path) and os.path.getsize(path) == size
-    with contextlib.suppress(OSError):
-        os.remove(path)
+    if not keep:
+        with contextlib.suppress(OSError):
+            os.remove(path)
     return answer
 
 
@@ -540,6 +541,38 @@ async def chunked_growth(ctx, row):
     await still_serving(ctx, row, server)
 
 
+async def disk_fill(ctx, row):
+    """Uploads at once that would together fill the upload directory's filesystem (one of
+    256 MiB, mounted for the row) past the 64 MiB kept free, then one just over the room they
+    left; once their files are gone, uploads go in again."""
+    keep, each = 64 * MIB, 32 * MIB
+    server = ctx.start("--min-free", str(keep), filesystem_mib=256)
+
+    def free():
+        space = os.statvfs(server.directory)
+        return space.f_bavail * space.f_frsize
+
+    with row.measure(server):
+        uploads = [asyncio.create_task(upload_large(server, "fill-%d.bin" % i, each, keep=True))
+                   for i in range(16)]
+        row.good = await good_upload(ctx, server)
+        answers = [row.record(answer) for answer in await asyncio.gather(*uploads)]
+        over = row.record(await upload_large(server, "over.bin", free() - keep + MIB))
+    row.notes.append("%d stored, %d MiB free" % (len(stored_names(server)), free() // MIB))
+    row.check(free() >= keep, "only %d MiB left free" % (free() // MIB))
+    for index, answer in enumerate([*answers, over]):
+        if answer.status == 200 and answer is not over:
+            row.check(answer.whole, "fill-%d.bin not stored whole" % index)
+        elif answer.label == "507":
+            row.check(answer.early, "upload %d: 507 only after the whole body" % index)
+        else:
+            row.check(False, "upload %d: %s" % (index, answer.label))
+    row.check(any(answer.status == 200 for answer in answers), "no upload admitted")
+    for name in stored_names(server):
+        os.remove(os.path.join(server.directory, name))
+    await still_serving(ctx, row, server)
+
+
 async def many_files(ctx, row, requests, parts):
     form = ctx.form
     flags = ("--max-files", str(form.max_files)) if form.max_files else ()
@@ -766,6 +799,8 @@ def rows_of(form):
          "idle RSS<=%dM" % f.idle_bound_mib, burst_then_idle),
         ("14", "SIGTERM while a body trickles", "exit 0 within 5 s", sigterm_while_trickling),
         ("15", "wrong-password flood", "401/503, good 200, CPU<30%", password_flood),
+        ("16", "16 x 32 MiB onto 256 MiB, 64 kept", "200 or early 507, 64 MiB stay free",
+         disk_fill),
     ]
 
 
@@ -779,12 +814,22 @@ class Context:
         self.form, self.root = form, root
         self.servers = []
         self.row_servers = []
+        self.mounts = []  # upload directories that are filesystems of their own
         self.good_count = 0
         self.lock = threading.Lock()
 
-    def start(self, *flags, nofile=None):
-        """A server of the current row; Skipped when it refuses its command line."""
+    def start(self, *flags, nofile=None, filesystem_mib=None):
+        """A server of the current row; Skipped when it refuses its command line. With
+        filesystem_mib, its upload directory is a filesystem of that size of its own (a tmpfs:
+        Skipped where mounting one is not allowed)."""
         directory = tempfile.mkdtemp(prefix="uploads-", dir=self.root)
+        if filesystem_mib:
+            mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=%dm" % filesystem_mib,
+                                      "tmpfs", directory], capture_output=True)
+            if mounted.returncode != 0:
+                raise Skipped("cannot mount a small filesystem: " +
+                              first_line(mounted.stderr.decode()))
+            self.mounts.append(directory)
 
         def child():
             # The server dies with us, even when we are killed outright.
@@ -815,6 +860,9 @@ class Context:
             if index == 0:
                 row.log_tail = server.log_tail()
             server.close()
+            if server.directory in self.mounts:
+                subprocess.run(["umount", "-l", server.directory])
+                self.mounts.remove(server.directory)
             shutil.rmtree(server.directory, ignore_errors=True)
         self.row_servers = []
 
@@ -823,6 +871,10 @@ class Context:
             for server in self.servers:
                 with contextlib.suppress(Exception):
                     server.kill()
+            # Lazily: whatever a killed server left open goes with it.
+            for directory in self.mounts:
+                subprocess.run(["umount", "-l", directory])
+            self.mounts = []
 
 
 def run_row(ctx, key, title, target, attack):
