@@ -362,6 +362,13 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "/healthz reports the filesystem full once less is free (default: 5% of the "
            "filesystem, at most 1G; 0 keeps none)",
            [&config](const std::string& value) { config.minFree = parseSize(value); });
+    option("min-free-files", "N",
+           "files (inodes) to keep free on the upload directory's filesystem, as --min-free "
+           "keeps bytes: an upload claims as many as its body has room for parts, at most "
+           "--max-files (default: 5% of the filesystem's, at most 10000; 0 keeps none)",
+           [&config](const std::string& value) {
+               config.minFreeFiles = wholeNumber(value, 0, UINT64_MAX);
+           });
     option("max-files", "N",
            "files one request may store (default 1000); the next is refused with a 400 result "
            "page",

@@ -27,6 +27,7 @@ struct Configuration {
     std::optional<std::uint64_t> maxMemory;    // default: from the machine
     std::optional<std::size_t> maxConnections; // default: from the descriptor limit
     std::optional<std::uint64_t> minFree;      // default: from the filesystem's size
+    std::optional<std::uint64_t> minFreeFiles; // default: from the filesystem's size
     std::string onConflict = "replace";        // replace, refuse or rename
     std::string logFormat = "text";            // text or json
     std::string tlsCertificate;                // both empty: plain HTTP

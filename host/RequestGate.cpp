@@ -343,15 +343,17 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
 
 namespace {
 
-Reply diskFull(std::uint64_t needed, const DiskReserve& disk,
+Reply diskFull(const DiskReserve::Space& needed, const DiskReserve& disk,
                const DiskReserve::Shortfall& shortfall) {
+    const auto both = [](const DiskReserve::Space& space) {
+        return std::to_string(space.bytes) + " bytes and " + std::to_string(space.files) + " files";
+    };
     return refuse(507,
                   "Insufficient Storage: the server's disk is too full to take this upload; "
                   "retry later",
-                  "disk: " + std::to_string(shortfall.free) + " bytes free, " +
-                      std::to_string(shortfall.promised) + " promised to uploads under way, " +
-                      std::to_string(needed) + " more needed, " + std::to_string(disk.keep()) +
-                      " kept free");
+                  "disk: " + both(shortfall.free) + " free, " + both(shortfall.promised) +
+                      " promised to uploads under way, " + both(needed) + " more needed, " +
+                      both(disk.keep()) + " kept free");
 }
 
 } // namespace
@@ -360,10 +362,11 @@ std::optional<Reply> RequestGate::diskRefusal(std::uint64_t length, Verdict& ver
     if (disk == nullptr) {
         return std::nullopt;
     }
+    const DiskReserve::Space needed{length, DiskReserve::filesIn(length, settings.maxFiles)};
     DiskReserve::Shortfall shortfall;
-    std::optional<DiskReserve::Claim> claim = disk->claim(length, &shortfall);
+    std::optional<DiskReserve::Claim> claim = disk->claim(needed, &shortfall);
     if (!claim) {
-        return diskFull(length, *disk, shortfall);
+        return diskFull(needed, *disk, shortfall);
     }
     verdict.disk = std::move(*claim);
     return std::nullopt;
@@ -439,8 +442,11 @@ std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view 
             ec = boost::system::errc::make_error_code(boost::system::errc::file_too_large);
             return 0;
         }
-        const std::uint64_t claimed = verdict.disk.bytes();
-        if (capacity > claimed && !verdict.disk.grow(capacity - claimed)) {
+        const DiskReserve::Space held = verdict.disk.held();
+        const std::uint64_t files = DiskReserve::filesIn(capacity, settings.maxFiles);
+        if ((capacity > held.bytes || files > held.files) &&
+            !verdict.disk.grow({capacity - std::min<std::uint64_t>(capacity, held.bytes),
+                                files - std::min(files, held.files)})) {
             charge.shrink(charge.bytes() - charged);
             ec = boost::system::errc::make_error_code(boost::system::errc::no_space_on_device);
             return 0;

@@ -34,6 +34,8 @@ struct GateSettings {
     std::uint64_t minBodyRate = 1024; // bytes per second
     // The longest a body may pause, whatever rate it kept before.
     std::chrono::seconds idleTimeout{30};
+    // Files one request may store: the most an upload can claim of the disk's files.
+    std::uint64_t maxFiles = 1000;
 };
 
 // The server's own read-only endpoints, answered from the head alone. Each may be empty: the

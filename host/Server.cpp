@@ -197,7 +197,8 @@ struct Shared {
         , bodies(serverOptions.keptBodyBytes, BodyBufferPool::defaultSmallest, &budget)
         , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
                             serverOptions.discardRoute, serverOptions.headerTimeout,
-                            serverOptions.minBodyRate, serverOptions.idleTimeout},
+                            serverOptions.minBodyRate, serverOptions.idleTimeout,
+                            serverOptions.maxFiles},
                parts.dispatcher, &budget, parts.auth.get(), endpoints(), parts.disk.get())
         , table(ConnectionTable::Limits{serverOptions.maxConnections,
                                         serverOptions.maxConnectionsPerClient,

@@ -125,21 +125,28 @@ std::optional<std::string> storageProblem(const kestrin::http::HttpServiceProvid
         }
     }
     if (disk != nullptr) {
-        if (const std::optional<std::uint64_t> free = disk->belowReserve()) {
-            return "the upload directory's filesystem has " + std::to_string(*free) +
-                   " bytes free, less than the " + std::to_string(disk->keep()) +
-                   " kept free (--min-free)";
+        if (const std::optional<kestrin::host::DiskReserve::Space> free = disk->belowReserve()) {
+            return "the upload directory's filesystem has " + std::to_string(free->bytes) +
+                   " bytes and " + std::to_string(free->files) + " files free, less than the " +
+                   std::to_string(disk->keep().bytes) + " bytes and " +
+                   std::to_string(disk->keep().files) +
+                   " files kept free (--min-free, --min-free-files)";
         }
     }
     return std::nullopt;
 }
 
-// Space kept free: 5% of the filesystem, which leaves a small disk most of itself, and no more
-// than 1 GiB, which is room enough for logs and the system on a large one.
-std::uint64_t defaultMinFree() {
-    constexpr std::uint64_t most = std::uint64_t{1} << 30;
-    const std::optional<std::uint64_t> size = kestrin::host::filesystemBytesAt(".");
-    return size ? std::min(most, *size / 20) : most;
+// What is kept free: 5% of the filesystem, which leaves a small one most of itself, and no
+// more than 1 GiB and 10,000 files, room enough for logs and the system on a large one.
+kestrin::host::DiskReserve::Space defaultMinFree() {
+    constexpr std::uint64_t mostBytes = std::uint64_t{1} << 30;
+    constexpr std::uint64_t mostFiles = 10'000;
+    const std::optional<kestrin::host::DiskReserve::Space> size =
+        kestrin::host::filesystemSizeAt(".");
+    if (!size) {
+        return {mostBytes, mostFiles};
+    }
+    return {std::min(mostBytes, size->bytes / 20), std::min(mostFiles, size->files / 20)};
 }
 
 kestrin::host::ConflictPolicy conflictPolicy(const std::string& name) {
@@ -229,11 +236,13 @@ int serve(kestrin::host::Configuration arguments) {
         }
     }
     enterDirectory(arguments.directory);
-    const std::uint64_t minFree = arguments.minFree.value_or(defaultMinFree());
+    const host::DiskReserve::Space defaults = defaultMinFree();
+    const host::DiskReserve::Space minFree{arguments.minFree.value_or(defaults.bytes),
+                                           arguments.minFreeFiles.value_or(defaults.files)};
     std::shared_ptr<host::DiskReserve> disk;
-    if (minFree > 0) {
+    if (minFree.bytes > 0 || minFree.files > 0) {
         // The working directory, read at every look like the directory the files go to.
-        disk = std::make_shared<host::DiskReserve>(minFree, [] { return host::freeBytesAt("."); });
+        disk = std::make_shared<host::DiskReserve>(minFree, [] { return host::freeSpaceAt("."); });
     }
     auto fileService = std::make_shared<host::DiskFileService>(
         ".", writerThreads, host::DiskFileService::DirectorySync(),
@@ -267,7 +276,8 @@ int serve(kestrin::host::Configuration arguments) {
                 mebibytes(options.maxBody) + ", " + std::to_string(options.maxConnections) +
                 " connections (" + std::to_string(options.maxConnectionsPerClient) +
                 " per client), " + std::to_string(options.maxFiles) + " files a request, " +
-                mebibytes(minFree) + " of disk kept free" + (auth ? ", authentication on" : "") +
+                mebibytes(minFree.bytes) + " and " + std::to_string(minFree.files) +
+                " files of the disk kept free" + (auth ? ", authentication on" : "") +
                 (options.tlsCertificate.empty() ? "" : ", HTTPS") +
                 (arguments.configFile.empty() ? "" : "; settings from " + arguments.configFile));
 

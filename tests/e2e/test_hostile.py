@@ -266,11 +266,14 @@ class KilledServerTest(ServerTestCase):
 
 
 class DiskReserveTest(unittest.TestCase):
-    """Clients that try to fill the upload directory's filesystem, a 64 MiB one of its own,
-    find the space the server keeps free untouched, whether they come at once or in chunks."""
+    """Clients that try to fill the upload directory's filesystem, a small one of its own,
+    find what the server keeps free untouched: its bytes, whether uploads come at once or in
+    chunks, and its files (inodes), which many empty files take."""
 
     SIZE = 64 * MIB
     KEEP = 16 * MIB
+    refused = (507, b"Insufficient Storage: the server's disk is too full to take this upload; "
+                    b"retry later\n")
 
     def setUp(self):
         serverlib.skip_without_server()
@@ -278,12 +281,15 @@ class DiskReserveTest(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.root, True)
         self.uploads = os.path.join(self.root, "uploads")
         os.mkdir(self.uploads)
-        mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=%d" % self.SIZE, "tmpfs",
-                                  self.uploads], capture_output=True)
+
+    def start(self, options, *flags):
+        """A server on a tmpfs of the given mount options, mounted for the test."""
+        mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", self.uploads],
+                                 capture_output=True)
         if mounted.returncode != 0:
             self.skipTest("cannot mount a small filesystem: %s" % mounted.stderr.decode())
         self.addCleanup(subprocess.run, ["umount", "-l", self.uploads])
-        self.server = Server(self.uploads, "--min-free", str(self.KEEP), "--max-body", "64M")
+        self.server = Server(self.uploads, *flags)
         self.addCleanup(self.server.close)
 
     def names(self):
@@ -315,25 +321,16 @@ class DiskReserveTest(unittest.TestCase):
             return read_response(connection)
 
     def test_uploads_at_once_or_in_chunks_never_take_the_space_kept_free(self):
-        refused = b"Insufficient Storage: the server's disk is too full to take this upload; " \
-                  b"retry later\n"
+        self.start("size=%d" % self.SIZE, "--min-free", str(self.KEEP), "--max-body", "64M")
         contents = {"at-once-%d.bin" % i: os.urandom(8 * MIB) for i in range(12)}
-        answers = {}
-
-        def send(name):
-            answers[name] = self.send(name, contents[name])
-
-        threads = [threading.Thread(target=send, args=(name,)) for name in contents]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join(120)
+        answers = at_once({name: lambda name=name: self.send(name, contents[name])
+                           for name in contents})
         stored = sorted(name for name, answer in answers.items() if answer[0] == 200)
         sys.stderr.write("hostile: 12 uploads of 8 MiB at once on 64 MiB keeping 16 -> %d "
                          "stored, %.1f MiB free\n" % (len(stored), self.free() / MIB))
         self.assertEqual(len(answers), 12)
         for name, answer in answers.items():
-            self.assertIn(answer, [(200, SUCCESS_PAGE), (507, refused)], name)
+            self.assertIn(answer, [(200, SUCCESS_PAGE), self.refused], name)
         # Each admitted upload claimed its whole body, so at most (64 - 16) / 8 got in.
         self.assertTrue(1 <= len(stored) <= 5, stored)
         self.assertGreaterEqual(self.free(), self.KEEP)
@@ -347,7 +344,7 @@ class DiskReserveTest(unittest.TestCase):
 
         # A body without a length is stopped once it grows past the room left.
         status, body = self.send("chunked.bin", os.urandom(self.SIZE), chunk=MIB)
-        self.assertEqual((status, body), (507, refused))
+        self.assertEqual((status, body), self.refused)
         self.assertNotIn("chunked.bin", self.names())
         self.assertGreaterEqual(self.free(), self.KEEP)
 
@@ -358,7 +355,7 @@ class DiskReserveTest(unittest.TestCase):
             file.write(b"f" * (self.free() - self.KEEP + MIB))
         status, text = read_health(self.server)
         self.assertEqual(status, 503)
-        self.assertIn(b"kept free (--min-free)", text)
+        self.assertIn(b"kept free (--min-free, --min-free-files)", text)
         self.assertEqual(self.send("small.bin", b"s" * 1024)[0], 507)
         for name in self.names():
             os.unlink(os.path.join(self.uploads, name))
@@ -369,6 +366,52 @@ class DiskReserveTest(unittest.TestCase):
         self.assertEqual(sha256(os.path.join(self.uploads, "after.bin")),
                          hashlib.sha256(content).hexdigest())
         self.assertEqual(self.server.stop(), 0)
+
+
+    def test_uploads_of_many_empty_files_never_take_the_files_kept_free(self):
+        self.start("size=%d,nr_inodes=2000" % self.SIZE, "--min-free-files", "500",
+                   "--max-files", "200")
+
+        def free_files():
+            return os.statvfs(self.uploads).f_favail
+
+        def send(prefix):
+            body = multipart(b"empty", [file_part(b"%s-%d" % (prefix, i), b"")
+                                        for i in range(200)])
+            with self.server.connect(timeout=60) as connection:
+                connection.sendall(request_head(b"/users", b"empty", len(body)) + body)
+                return read_response(connection)
+
+        answers = at_once({k: lambda k=k: send(b"e%d" % k) for k in range(8)})
+        stored = sorted(k for k, answer in answers.items() if answer[0] == 200)
+        sys.stderr.write("hostile: 8 uploads of 200 empty files at once with 2000 inodes "
+                         "keeping 500 -> %d stored, %d inodes free\n" % (len(stored),
+                                                                         free_files()))
+        self.assertEqual(len(answers), 8)
+        for answer in answers.values():
+            self.assertIn(answer, [(200, SUCCESS_PAGE), self.refused])
+        # 1,600 files would leave fewer than 500 of the 2,000: at least one upload is refused,
+        # and none of them in part.
+        self.assertTrue(1 <= len(stored) <= 7, stored)
+        self.assertEqual(len(self.names()), 200 * len(stored))
+        self.assertGreaterEqual(free_files(), 500)
+        self.assertIn(" files kept free\"", self.server.logged())
+        self.assertEqual(send(b"late"), self.refused)
+        self.assertEqual(read_health(self.server)[0], 200)
+        self.assertEqual(self.server.stop(), 0)
+
+
+def at_once(calls):
+    """Runs each call on a thread of its own, all at once; {key: what its call returned}, for
+    the calls that returned within two minutes."""
+    results = {}
+    threads = [threading.Thread(target=lambda key=key, call=call: results.update({key: call()}))
+               for key, call in calls.items()]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(120)
+    return results
 
 
 def read_health(server):

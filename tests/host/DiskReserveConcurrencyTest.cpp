@@ -16,7 +16,7 @@ namespace {
 TEST(DiskReserveConcurrency, claimsMadeAtOnceNeverTogetherPassTheRoom) {
     constexpr std::uint64_t free = 1'000'000;
     constexpr std::uint64_t keep = 200'000;
-    DiskReserve reserve(keep, [=] { return std::optional<std::uint64_t>(free); });
+    DiskReserve reserve({keep, 0}, [=] { return std::optional<DiskReserve::Space>({free, 1}); });
     std::atomic<std::uint64_t> held{0};
     std::atomic<std::uint64_t> most{0};
     std::atomic<int> refused{0};
@@ -26,13 +26,13 @@ TEST(DiskReserveConcurrency, claimsMadeAtOnceNeverTogetherPassTheRoom) {
             std::minstd_rand random(seed);
             for (int i = 0; i < 20'000; ++i) {
                 const std::uint64_t bytes = 1 + random() % 300'000;
-                std::optional<DiskReserve::Claim> claim = reserve.claim(bytes);
+                std::optional<DiskReserve::Claim> claim = reserve.claim({bytes, 0});
                 if (!claim) {
                     refused.fetch_add(1);
                     continue;
                 }
                 // Grown in a second step now and then, as a body without a length is.
-                if (i % 3 == 0 && claim->grow(bytes)) {
+                if (i % 3 == 0 && claim->grow({bytes, 0})) {
                     held.fetch_add(bytes);
                 }
                 const std::uint64_t now = held.fetch_add(bytes) + bytes;
@@ -40,7 +40,7 @@ TEST(DiskReserveConcurrency, claimsMadeAtOnceNeverTogetherPassTheRoom) {
                 while (now > seen && !most.compare_exchange_weak(seen, now)) {
                 }
                 std::this_thread::yield(); // held a while, as an upload holds its claim
-                held.fetch_sub(claim->bytes());
+                held.fetch_sub(claim->held().bytes);
             }
         });
     }
@@ -49,7 +49,7 @@ TEST(DiskReserveConcurrency, claimsMadeAtOnceNeverTogetherPassTheRoom) {
     }
     EXPECT_LE(most.load(), free - keep);
     EXPECT_GT(refused.load(), 0); // the room was contended
-    EXPECT_EQ(reserve.promised(), 0u);
+    EXPECT_EQ(reserve.promised().bytes, 0u);
 }
 
 } // namespace

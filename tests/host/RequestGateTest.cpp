@@ -238,16 +238,20 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
 }
 
 TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBody) {
-    std::uint64_t free = 10'000;
-    DiskReserve disk(2'000, [&free] { return std::optional<std::uint64_t>(free); });
+    DiskReserve::Space free{10'000, 1'000};
+    DiskReserve disk({2'000, 100}, [&free] { return std::optional<DiskReserve::Space>(free); });
     MemoryBudget budget(1 << 20);
-    const RequestGate gate(GateSettings{}, uploadDispatcher(), &budget, nullptr, {}, &disk);
+    GateSettings settings;
+    settings.maxFiles = 500;
+    const RequestGate gate(settings, uploadDispatcher(), &budget, nullptr, {}, &disk);
     const std::string insufficient =
         "Insufficient Storage: the server's disk is too full to take this upload; retry later\n";
 
+    // A body claims its length, and the files it has room for up to the request limit.
     Verdict first = decide(gate, "Content-Length: 6000\r\n");
     EXPECT_EQ(first.kind, Kind::service);
-    EXPECT_EQ(first.disk.bytes(), 6000u);
+    EXPECT_EQ(first.disk.held().bytes, 6000u);
+    EXPECT_EQ(first.disk.held().files, DiskReserve::filesIn(6000, 500));
     // The second would fit the free space alone, not beside what the first may still write;
     // it is told so without taking any memory.
     const Verdict second = decide(gate, "Content-Length: 2001\r\n");
@@ -255,25 +259,32 @@ TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBo
     EXPECT_EQ(second.reply.status, 507u);
     EXPECT_EQ(text(second.reply), insufficient);
     EXPECT_EQ(second.reply.detail,
-              "disk: 10000 bytes free, 6000 promised to uploads under way, 2001 more needed, "
-              "2000 kept free");
+              "disk: 10000 bytes and 1000 files free, 6000 bytes and 126 files promised to "
+              "uploads under way, 2001 bytes and 42 files more needed, 2000 bytes and 100 files "
+              "kept free");
     EXPECT_EQ(budget.used(), first.charge.bytes());
     EXPECT_EQ(decide(gate, "Content-Length: 2000\r\n").kind, Kind::service);
     first = Verdict();
-    EXPECT_EQ(disk.promised(), 0u);
+    EXPECT_EQ(disk.promised().bytes, 0u);
     // Requests without a body claim nothing.
-    EXPECT_EQ(decide(gate, "").disk.bytes(), 0u);
+    EXPECT_EQ(decide(gate, "").disk.held().bytes, 0u);
     EXPECT_EQ(decide(gate, "", "GET / HTTP/1.1").reply.status, 200u);
+    // Room for the bytes is not enough: a body of many small parts needs files too.
+    free.files = 500;
+    EXPECT_EQ(decide(gate, "Content-Length: 20000\r\n").reply.status, 507u);
+    EXPECT_EQ(decide(gate, "Content-Length: 8000\r\n").kind, Kind::service);
 
-    // A body without a length claims disk as it grows; once it cannot, the read fails with
-    // 507 and its memory charge is as it was.
+    // A body without a length claims as it grows; once it cannot, the read fails with 507 and
+    // its memory charge is as it was.
+    free = {10'000, 1'000};
     Verdict chunked = decide(gate, "Transfer-Encoding: chunked\r\n");
     common::DataBuffer body;
     beast::error_code ec;
     const std::string piece(3000, 'x');
     ASSERT_EQ(gate.appendChunk(body, piece, chunked, ec), piece.size());
-    EXPECT_GE(chunked.disk.bytes(), body.getSize());
-    free = 6'000;
+    EXPECT_GE(chunked.disk.held().bytes, body.getSize());
+    EXPECT_EQ(chunked.disk.held().files, DiskReserve::filesIn(body.getCapacity(), 500));
+    free.bytes = 6'000;
     const std::uint64_t charged = chunked.charge.bytes();
     EXPECT_EQ(gate.appendChunk(body, piece + piece, chunked, ec), 0u);
     EXPECT_EQ(chunked.charge.bytes(), charged);
