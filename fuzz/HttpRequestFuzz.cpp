@@ -22,6 +22,7 @@
 #include "framework/FileService.h"
 #include "framework/HttpServiceProvider.h"
 #include "host/DataBufferBody.h"
+#include "host/DiskReserve.h"
 #include "host/MemoryBudget.h"
 #include "host/PartHeaderCheck.h"
 #include "host/RequestDispatcher.h"
@@ -221,6 +222,7 @@ bool sendReply(Reply&& reply, unsigned version, bool keepAlive, bool requestRead
     case 431:
     case 501:
     case 503:
+    case 507:
         break;
     default:
         fail("unexpected status " + std::to_string(reply.status) + " (" + reply.detail + ")", "");
@@ -333,13 +335,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const unsigned limitChoice = data[1] & 0x7f;
     const std::uint64_t maxBody =
         limitChoice == 0 ? defaultMaxBody : std::uint64_t{limitChoice} * 64;
+    // The bounded runs bound the disk too: little room, so that claims are refused and grow.
     std::optional<kestrin::host::MemoryBudget> budget;
+    std::optional<kestrin::host::DiskReserve> disk;
     if ((data[1] & 0x80) != 0) {
         budget.emplace(smallBudget);
+        disk.emplace(kestrin::host::DiskReserve::Space{8 * 1024, 8}, [] {
+            return std::optional<kestrin::host::DiskReserve::Space>({smallBudget / 2, 64});
+        });
     }
     kestrin::host::GateSettings settings;
     settings.maxBody = maxBody;
-    const RequestGate gate(settings, services.dispatcher, budget ? &*budget : nullptr, nullptr);
+    const RequestGate gate(settings, services.dispatcher, budget ? &*budget : nullptr, nullptr, {},
+                           disk ? &*disk : nullptr);
     ClientBytes client(std::string_view(reinterpret_cast<const char*>(data + 2), size - 2), chunk);
     // Bounded as the server's is, so no framing can make it grow without end.
     beast::flat_buffer buffer(64 * 1024 + headerLimit);
@@ -347,6 +355,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // Every request gives its memory back, whatever its end.
         if (budget && budget->used() != 0) {
             fail("memory still charged after a request: " + std::to_string(budget->used()), "");
+        }
+        if (disk && (disk->promised().bytes != 0 || disk->promised().files != 0)) {
+            fail("disk still claimed after a request: " + std::to_string(disk->promised().bytes) +
+                     " bytes, " + std::to_string(disk->promised().files) + " files",
+                 "");
         }
     }
     return 0;
