@@ -428,6 +428,20 @@ async def flood_row(ctx, row, mode, sources, *flags):
 
 # ---- the attacks ---------------------------------------------------------------------------
 
+def check_stored_or_refused_early(row, answers, refusal, name):
+    """Each upload was stored whole or refused with the refusal status before its body was
+    all sent, and at least one got in; name formats an upload's index."""
+    for index, answer in enumerate(answers):
+        if answer.status == 200:
+            row.check(answer.whole, "%s not stored whole" % (name % index))
+        elif answer.label == refusal:
+            row.check(answer.early,
+                      "%s: %s only after the whole body" % (name % index, refusal))
+        else:
+            row.check(False, "%s: %s" % (name % index, answer.label))
+    row.check(any(answer.status == 200 for answer in answers), "no upload admitted")
+
+
 async def big_uploads(ctx, row):
     form = ctx.form
     server = ctx.start("--max-memory", "%dM" % form.big_budget_mib)
@@ -438,14 +452,7 @@ async def big_uploads(ctx, row):
         await asyncio.sleep(0.5)
         row.good = await good_upload(ctx, server, timeout=60)
         answers = [row.record(answer) for answer in await asyncio.gather(*uploads)]
-    for index, answer in enumerate(answers):
-        if answer.status == 200:
-            row.check(answer.whole, "big-%d.bin not stored whole" % index)
-        elif answer.label == "503":
-            row.check(answer.early, "big-%d.bin: 503 only after the whole body" % index)
-        else:
-            row.check(False, "big-%d.bin: %s" % (index, answer.label))
-    row.check(any(answer.status == 200 for answer in answers), "no upload admitted")
+    check_stored_or_refused_early(row, answers, "503", "big-%d.bin")
     row.check_peak(form.big_budget_mib + 64)
     await still_serving(ctx, row, server)
 
@@ -560,14 +567,9 @@ async def disk_fill(ctx, row):
         over = row.record(await upload_large(server, "over.bin", free() - keep + MIB))
     row.notes.append("%d stored, %d MiB free" % (len(stored_names(server)), free() // MIB))
     row.check(free() >= keep, "only %d MiB left free" % (free() // MIB))
-    for index, answer in enumerate([*answers, over]):
-        if answer.status == 200 and answer is not over:
-            row.check(answer.whole, "fill-%d.bin not stored whole" % index)
-        elif answer.label == "507":
-            row.check(answer.early, "upload %d: 507 only after the whole body" % index)
-        else:
-            row.check(False, "upload %d: %s" % (index, answer.label))
-    row.check(any(answer.status == 200 for answer in answers), "no upload admitted")
+    check_stored_or_refused_early(row, answers, "507", "fill-%d.bin")
+    row.check(over.label == "507" and over.early, "over.bin: %s%s" % (
+        over.label, "" if over.early else " after the whole body"))
     for name in stored_names(server):
         os.remove(os.path.join(server.directory, name))
     await still_serving(ctx, row, server)
