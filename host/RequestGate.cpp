@@ -51,6 +51,9 @@ std::string toString(boost::beast::string_view text) {
     return std::string(text.data(), text.size());
 }
 
+constexpr const char* diskFullText =
+    "Insufficient Storage: the server's disk is too full to take this upload; retry later";
+
 Reply refuse(unsigned status, std::string text, std::string reason) {
     return RequestDispatcher::plainText(status, text, std::move(reason));
 }
@@ -348,9 +351,7 @@ Reply diskFull(const DiskReserve::Space& needed, const DiskReserve& disk,
     const auto both = [](const DiskReserve::Space& space) {
         return std::to_string(space.bytes) + " bytes and " + std::to_string(space.files) + " files";
     };
-    return refuse(507,
-                  "Insufficient Storage: the server's disk is too full to take this upload; "
-                  "retry later",
+    return refuse(507, diskFullText,
                   "disk: " + both(shortfall.free) + " free, " + both(shortfall.promised) +
                       " promised to uploads under way, " + both(needed) + " more needed, " +
                       both(disk.keep()) + " kept free");
@@ -391,9 +392,7 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
             "body without a length grew past the memory budget");
     }
     if (ec == boost::system::errc::no_space_on_device) {
-        return refuseAndClose(507,
-                              "Insufficient Storage: the server's disk is too full to take this "
-                              "upload; retry later",
+        return refuseAndClose(507, diskFullText,
                               "disk: body without a length grew past the space kept free");
     }
     if (ec == boost::system::errc::not_enough_memory) {
@@ -444,9 +443,9 @@ std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view 
         }
         const DiskReserve::Space held = verdict.disk.held();
         const std::uint64_t files = DiskReserve::filesIn(capacity, settings.maxFiles);
-        if ((capacity > held.bytes || files > held.files) &&
-            !verdict.disk.grow({capacity - std::min<std::uint64_t>(capacity, held.bytes),
-                                files - std::min(files, held.files)})) {
+        const DiskReserve::Space more{capacity > held.bytes ? capacity - held.bytes : 0,
+                                      files > held.files ? files - held.files : 0};
+        if ((more.bytes > 0 || more.files > 0) && !verdict.disk.grow(more)) {
             charge.shrink(charge.bytes() - charged);
             ec = boost::system::errc::make_error_code(boost::system::errc::no_space_on_device);
             return 0;
