@@ -75,6 +75,8 @@ constexpr std::size_t directReadLimit = 4 * 1024 * 1024;
 constexpr std::chrono::seconds drainLimit{5};
 // How long a reply may take to go out.
 constexpr std::chrono::seconds writeLimit{30};
+// The most a TLS record carries, and so what the TLS stream writes of a reply in one piece.
+constexpr std::size_t tlsRecordLimit = 16 * 1024;
 constexpr const char* serverName = "kestrin-upload-server";
 
 // One write per line, so lines from several threads never interleave.
@@ -984,6 +986,25 @@ private:
         const std::array<net::const_buffer, 2> bytes{
             net::buffer(outgoing->head), net::const_buffer(body.bytes(), body.getSize())};
         lowest().expires_after(writeLimit);
+        // This Boost's TLS stream drops the rest of a sequence of buffers once a write has
+        // taken only part of it, which it does whenever they do not fit one TLS record
+        // together (the upload page would lose its body). Such a reply goes as two writes of
+        // one buffer each.
+        if (secure && outgoing->head.size() + body.getSize() > tlsRecordLimit) {
+            net::async_write(
+                stream, net::buffer(outgoing->head),
+                [self = shared_from_this(), outgoing, close](beast::error_code ec, std::size_t) {
+                    if (ec) {
+                        return self->onWrite(close, ec);
+                    }
+                    const common::DataBuffer& rest = outgoing->response.body();
+                    net::async_write(self->stream, net::const_buffer(rest.bytes(), rest.getSize()),
+                                     [self, outgoing, close](beast::error_code ec, std::size_t) {
+                                         self->onWrite(close, ec);
+                                     });
+                });
+            return;
+        }
         net::async_write(stream, bytes,
                          [self = shared_from_this(), outgoing,
                           close](beast::error_code ec, std::size_t) { self->onWrite(close, ec); });

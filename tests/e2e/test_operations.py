@@ -410,15 +410,20 @@ class ConflictTest(OperationsTestCase):
 
 
 class TlsTest(OperationsTestCase):
-    def test_https_stores_uploads_and_shrugs_off_plain_http(self):
+    def certificate(self, name):
+        """A new self-signed certificate for 127.0.0.1: (its file, its key's file)."""
         if not shutil.which("openssl"):
             self.skipTest("no openssl command")
-        cert, key = os.path.join(self.root, "cert.pem"), os.path.join(self.root, "key.pem")
+        cert, key = (os.path.join(self.root, name + suffix) for suffix in (".pem", ".key"))
         subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                         "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key, "-out", cert,
                         "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
                         "subjectAltName=IP:127.0.0.1"], check=True, capture_output=True,
                        timeout=60)
+        return cert, key
+
+    def test_https_stores_uploads_and_shrugs_off_plain_http(self):
+        cert, key = self.certificate("cert")
         server = self.start("--tls-cert", cert, "--tls-key", key)
         self.assertEqual(server.scheme, "https")
         context = ssl.create_default_context(cafile=cert)
@@ -427,6 +432,10 @@ class TlsTest(OperationsTestCase):
                          (200, SUCCESS_PAGE))
         with open(os.path.join(server.directory, "secure.bin"), "rb") as file:
             self.assertEqual(file.read(), content)
+        # The upload page is larger than one TLS record.
+        status, fields, page = exchange(server, b"GET", b"/", context=context)
+        self.assertEqual((status, len(page)), (200, int(fields["content-length"])))
+        self.assertTrue(page.rstrip().endswith(b"</html>"), page[-100:])
 
         status, _, raw = exchange(server, b"GET", b"/healthz")
         self.assertIsNone(status)
