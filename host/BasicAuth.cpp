@@ -280,9 +280,17 @@ BasicAuth::BasicAuth(PasswordFile passwordFile)
     : BasicAuth(std::move(passwordFile), Options()) {}
 
 BasicAuth::BasicAuth(PasswordFile passwordFile, Options limits)
-    : users(std::move(passwordFile))
-    , options(withDefaults(std::move(limits)))
+    : options(withDefaults(std::move(limits)))
+    , users(std::make_shared<const PasswordFile>(std::move(passwordFile)))
     , shared{options.budget, options.now()} {}
+
+void BasicAuth::replaceUsers(PasswordFile passwordFile) {
+    auto replacement = std::make_shared<const PasswordFile>(std::move(passwordFile));
+    const std::lock_guard<std::mutex> lock(mutex);
+    users = std::move(replacement);
+    ++usersGeneration;
+    granted.clear();
+}
 
 BasicAuth::Result BasicAuth::check(std::string_view authorization, std::string_view client) {
     std::optional<Credentials> credentials = parseBasic(authorization);
@@ -291,8 +299,12 @@ BasicAuth::Result BasicAuth::check(std::string_view authorization, std::string_v
     }
     const std::string header(authorization);
     const std::string address(client);
+    std::shared_ptr<const PasswordFile> checkedAgainst;
+    std::uint64_t generation = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex);
+        checkedAgainst = users;
+        generation = usersGeneration;
         const auto known = granted.find(header);
         if (known != granted.end()) {
             return {Outcome::granted, known->second, {}};
@@ -324,8 +336,8 @@ BasicAuth::Result BasicAuth::check(std::string_view authorization, std::string_v
         }
     }
     bool matches = false;
-    const std::chrono::nanoseconds cost =
-        options.measure([&] { matches = users.verify(credentials->user, credentials->password); });
+    const std::chrono::nanoseconds cost = options.measure(
+        [&] { matches = checkedAgainst->verify(credentials->user, credentials->password); });
     const std::lock_guard<std::mutex> lock(mutex);
     shared.credit -= cost;
     if (!address.empty()) {
@@ -333,6 +345,9 @@ BasicAuth::Result BasicAuth::check(std::string_view authorization, std::string_v
     }
     if (!matches) {
         return {Outcome::denied, std::move(credentials->user), {}};
+    }
+    if (generation != usersGeneration) {
+        return {Outcome::granted, std::move(credentials->user), {}};
     }
     // Forgetting every entry at once keeps the bound without bookkeeping of age. It only
     // happens after that many distinct correct headers, each of which paid for its check, and

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -29,6 +31,8 @@ public:
     // tell which users exist. A password with a NUL byte never matches: crypt would stop there.
     [[nodiscard]] bool verify(std::string_view user, std::string_view password) const;
 
+    std::size_t size() const noexcept { return hashes.size(); }
+
 private:
     PasswordFile() = default;
 
@@ -42,9 +46,9 @@ private:
 std::string hashPassword(std::string_view password);
 
 // Decides whether a request's Authorization header grants access, for HTTP Basic against a
-// PasswordFile it owns. IO threads call check at the same time; one lock guards the cache of
-// granted headers and the budget, and is never held while crypt runs. Password checks are slow
-// by design, so the CPU time they may take is a budget that refills with time (see Options);
+// PasswordFile it owns. IO threads call check at the same time; one lock guards the users, the
+// cache of granted headers and the budget, and is never held while crypt runs. Password checks are
+// slow by design, so the CPU time they may take is a budget that refills with time (see Options);
 // once it is spent, checks that would need crypt are refused until it refills.
 class BasicAuth {
 public:
@@ -100,6 +104,11 @@ public:
     // charged to the whole budget only.
     Result check(std::string_view authorization, std::string_view client = {});
 
+    // Checks from now on are made against passwordFile. Every header granted before is
+    // forgotten, so a user removed or given a new password is let in no more; a check already
+    // running against the old file answers by it but is not remembered.
+    void replaceUsers(PasswordFile passwordFile);
+
 private:
     using Credit = std::chrono::duration<double>;
     struct Bucket {
@@ -114,9 +123,12 @@ private:
     // The bucket of client, made full if new; called with the lock held.
     Bucket& clientBucket(const std::string& client, std::chrono::steady_clock::time_point now);
 
-    const PasswordFile users;
     const Options options;
     std::mutex mutex;
+    // Replaced whole, under the lock; a check holds on to the one it started with.
+    std::shared_ptr<const PasswordFile> users;
+    // Counts replacements, so that a check that began before one does not fill the cache.
+    std::uint64_t usersGeneration = 0;
     // Granted header values and their users. Only a correct password gets in, so clients
     // cannot fill it with guesses. A lookup compares whole keys only once their hashes match,
     // so its time tells a guess nothing about the headers kept here.

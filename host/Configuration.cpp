@@ -431,9 +431,11 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
         ->run_callback_for_default();
     option("auth-file", "FILE",
            "require HTTP Basic authentication against FILE's \"user:hash\" lines (yescrypt, "
-           "bcrypt or sha512crypt hashes; make one with --hash-password)",
+           "bcrypt or sha512crypt hashes; make one with --hash-password); read again on SIGHUP",
            path(config.authFile));
-    option("tls-cert", "FILE", "serve HTTPS with this PEM certificate chain (needs --tls-key)",
+    option("tls-cert", "FILE",
+           "serve HTTPS with this PEM certificate chain (needs --tls-key); it and the key are "
+           "read again on SIGHUP, for new connections",
            path(config.tlsCertificate));
     option("tls-key", "FILE", "the PEM private key of --tls-cert", path(config.tlsKey));
     option("log-format", "text|json",

@@ -213,9 +213,15 @@ struct Shared {
         , stopDelayTimer(control) {
         // Kept bodies are a cache: they give way to a request that needs their memory.
         budget.setReclaimer([this](std::uint64_t needed) { bodies.reclaim(needed); });
-        if (!serverOptions.tlsCertificate.empty()) {
-            tls.emplace(loadTls(serverOptions.tlsCertificate, serverOptions.tlsKey));
+        if (secure) {
+            tls = loadTls(serverOptions.tlsCertificate, serverOptions.tlsKey);
         }
+    }
+
+    // The TLS settings a new connection starts with; each keeps the ones it started with.
+    std::shared_ptr<ssl::context> currentTls() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return tls;
     }
 
     // Health is the caller's to judge; metrics are the server's own and what it holds now.
@@ -238,8 +244,10 @@ struct Shared {
         return served;
     }
 
-    static ssl::context loadTls(const std::string& certificate, const std::string& key) {
-        ssl::context context(ssl::context::tls_server);
+    static std::shared_ptr<ssl::context> loadTls(const std::string& certificate,
+                                                 const std::string& key) {
+        auto made = std::make_shared<ssl::context>(ssl::context::tls_server);
+        ssl::context& context = *made;
         // TLS 1.2 and later only; each connection gets fresh key exchange values.
         context.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
                             ssl::context::no_sslv3 | ssl::context::no_tlsv1 |
@@ -266,7 +274,7 @@ struct Shared {
             throw std::runtime_error("--tls-key " + key + " does not match --tls-cert " +
                                      certificate);
         }
-        return context;
+        return made;
     }
 
     ServerOptions options;
@@ -277,7 +285,7 @@ struct Shared {
     ConnectionTable table;
     EventLog events;
     Metrics metrics;
-    std::optional<ssl::context> tls; // set when serving HTTPS
+    const bool secure = !options.tlsCertificate.empty(); // serving HTTPS
     net::thread_pool services;
     ServicePlacement placement;
     // The server-wide timers run on one strand: a stop, the last session leaving and the
@@ -292,6 +300,7 @@ struct Shared {
     std::atomic<bool> trimDue{false};
     std::mutex mutex;
     std::unordered_map<ConnectionTable::Id, std::weak_ptr<SessionBase>> sessions;
+    std::shared_ptr<ssl::context> tls; // under mutex; replaced whole on SIGHUP
 };
 
 // What the server asks of every connection, whatever its stream.
@@ -322,8 +331,10 @@ class Session : public SessionBase, public std::enable_shared_from_this<Session<
 public:
     template <class... StreamArguments>
     Session(std::shared_ptr<Shared> sharedState, ConnectionTable::Id slot,
-            std::string clientAddress, StreamArguments&&... streamArguments)
-        : stream(std::forward<StreamArguments>(streamArguments)...)
+            std::string clientAddress, std::shared_ptr<ssl::context> tlsContext,
+            StreamArguments&&... streamArguments)
+        : tls(std::move(tlsContext))
+        , stream(std::forward<StreamArguments>(streamArguments)...)
         , buffer(readBufferLimit)
         , shared(std::move(sharedState))
         , id(slot)
@@ -1148,6 +1159,9 @@ private:
         }
     }
 
+    // The TLS settings the connection started with, kept as long as its stream: a reload
+    // only changes those of connections that come after it.
+    const std::shared_ptr<ssl::context> tls;
     Stream stream;
     beast::flat_buffer buffer;
     std::shared_ptr<Shared> shared;
@@ -1341,7 +1355,7 @@ private:
                                  clientFull ? client : std::string());
             shared->metrics.refused(503);
             // A TLS client would take plain text for a broken handshake: it is just closed.
-            if (shared->tls) {
+            if (shared->secure) {
                 beast::error_code ignored;
                 socket.close(ignored);
                 return;
@@ -1351,12 +1365,15 @@ private:
         if (admission.victim) {
             evictSession(*shared, *admission.victim);
         }
-        if (shared->tls) {
-            std::make_shared<Session<TlsStream>>(shared, admission.id, client, std::move(socket),
-                                                 *shared->tls)
+        if (shared->secure) {
+            std::shared_ptr<ssl::context> tls = shared->currentTls();
+            ssl::context& settings = *tls;
+            std::make_shared<Session<TlsStream>>(shared, admission.id, client, std::move(tls),
+                                                 std::move(socket), settings)
                 ->run();
         } else {
-            std::make_shared<Session<PlainStream>>(shared, admission.id, client, std::move(socket))
+            std::make_shared<Session<PlainStream>>(shared, admission.id, client, nullptr,
+                                                   std::move(socket))
                 ->run();
         }
     }
@@ -1405,6 +1422,7 @@ struct Server::State {
     State(const ServerOptions& options, ServerParts parts)
         : ioc(1)
         , signals(ioc, SIGINT, SIGTERM)
+        , reloads(ioc, SIGHUP)
         , shared(std::make_shared<Shared>(ioc, options, std::move(parts))) {
         std::vector<net::io_context*> contexts{&ioc};
         for (unsigned i = 1; i < std::max(1u, options.threads); ++i) {
@@ -1433,6 +1451,58 @@ struct Server::State {
                                      (ec ? ec.message() : std::string("no address")));
         }
         return found.begin()->endpoint();
+    }
+
+    // SIGHUP re-reads the files that are replaced while the server runs: the TLS certificate
+    // and key, and the users. Connections already open keep what they started with.
+    void awaitReload() {
+        reloads.async_wait([this](beast::error_code ec, int) {
+            if (!ec) {
+                net::dispatch(shared->control, [this] {
+                    reload();
+                    if (!shared->stopping.load()) {
+                        awaitReload();
+                    }
+                });
+            }
+        });
+    }
+
+    // On the control strand. A file that cannot be used changes nothing: what was loaded
+    // before stays in use, and the log says why.
+    void reload() {
+        const ServerOptions& options = shared->options;
+        if (shared->secure) {
+            try {
+                std::shared_ptr<ssl::context> loaded =
+                    Shared::loadTls(options.tlsCertificate, options.tlsKey);
+                {
+                    std::lock_guard<std::mutex> guard(shared->mutex);
+                    shared->tls = std::move(loaded);
+                }
+                writeEvent(shared->events.log, LogLevel::info,
+                           "reloaded the TLS certificate " + options.tlsCertificate + " and key " +
+                               options.tlsKey + " for new connections");
+            } catch (const std::exception& error) {
+                writeEvent(shared->events.log, LogLevel::error,
+                           std::string("cannot reload the TLS certificate: ") + error.what() +
+                               "; new connections still get the one loaded before");
+            }
+        }
+        if (shared->parts.reloadUsers) {
+            try {
+                writeEvent(shared->events.log, LogLevel::info,
+                           "reloaded " + shared->parts.reloadUsers());
+            } catch (const std::exception& error) {
+                writeEvent(shared->events.log, LogLevel::error,
+                           std::string("cannot reload the users: ") + error.what() +
+                               "; the ones loaded before still apply");
+            }
+        }
+        if (!shared->secure && !shared->parts.reloadUsers) {
+            writeEvent(shared->events.log, LogLevel::info,
+                       "SIGHUP: nothing to reload without --tls-cert or --auth-file");
+        }
     }
 
     // Signals are waited for one at a time: the first begins the stop, after the stop delay if
@@ -1474,6 +1544,7 @@ struct Server::State {
         shared->stopping.store(true);
         // A wait for a further signal would keep the threads running.
         signals.cancel();
+        reloads.cancel();
         listener->stop();
         shared->reportTimer.cancel();
         // Requests in flight get until the shutdown timeout; then what is left is closed. The
@@ -1557,6 +1628,7 @@ struct Server::State {
     // Installed with the listening socket, so a signal that comes as soon as the server
     // says it listens is already ours.
     net::signal_set signals;
+    net::signal_set reloads;
     std::shared_ptr<Shared> shared;
     std::shared_ptr<Listener> listener;
 };
@@ -1572,6 +1644,7 @@ unsigned short Server::port() const {
 
 void Server::run() {
     state->awaitSignal();
+    state->awaitReload();
     state->listener->run();
     net::dispatch(state->shared->control, [this] { state->report(Clock::now()); });
 

@@ -67,6 +67,9 @@ struct ServerParts {
     std::shared_ptr<file_upload::v1::MultipartUploadService> scanner;
     // Null: no authentication.
     std::shared_ptr<BasicAuth> auth;
+    // On SIGHUP: gives auth the users of its file again and says what it loaded ("the 3 users
+    // of FILE"); throws std::runtime_error saying why it could not. Empty: nothing to re-read.
+    std::function<std::string()> reloadUsers;
     // Why uploads cannot be stored now, or nothing: GET /healthz. Empty: no such endpoint.
     std::function<std::optional<std::string>()> healthProblem;
     // The space kept free on the upload directory's filesystem. Null: none is.
@@ -77,7 +80,8 @@ struct ServerParts {
 // head and body within their deadlines, follows the request gate's verdicts, runs service calls
 // on a pool of service threads (they block until files are stored) and writes the replies.
 // Owned by main; run() is called once, from one thread, and returns after SIGINT or SIGTERM
-// once the requests in flight are answered or the shutdown timeout has passed.
+// once the requests in flight are answered or the shutdown timeout has passed. SIGHUP reloads
+// the TLS certificate and key and the users, for the connections that come after it.
 class Server {
 public:
     // Loads the TLS files, resolves the address, binds and listens; throws std::runtime_error

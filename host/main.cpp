@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <malloc.h>
 #include <optional>
@@ -219,8 +220,17 @@ int serve(kestrin::host::Configuration arguments) {
     options.maxMemory =
         arguments.maxMemory.value_or(host::defaultMemoryBudget().value_or(std::uint64_t{4} << 30));
     std::shared_ptr<host::BasicAuth> auth;
+    std::function<std::string()> reloadUsers;
     if (!arguments.authFile.empty()) {
         auth = std::make_shared<host::BasicAuth>(host::PasswordFile::load(arguments.authFile));
+        // Read again from where the server was started, not from the upload directory.
+        reloadUsers = [auth, path = std::filesystem::absolute(arguments.authFile).string()] {
+            host::PasswordFile users = host::PasswordFile::load(path);
+            const std::size_t count = users.size();
+            auth->replaceUsers(std::move(users));
+            return "the " + std::to_string(count) + (count == 1 ? " user" : " users") + " of " +
+                   path;
+        };
     } else if (!isLoopback(options.address)) {
         say(host::LogLevel::warn,
             "listening on " + (options.address.empty() ? "every interface" : options.address) +
@@ -262,7 +272,7 @@ int serve(kestrin::host::Configuration arguments) {
     {
         host::Server server(
             options, host::ServerParts{
-                         dispatcher, fileService, uploadService, auth,
+                         dispatcher, fileService, uploadService, auth, reloadUsers,
                          [provider, disk] { return storageProblem(*provider, disk.get()); }, disk});
         const std::string host = options.address.empty() ? "0.0.0.0" : options.address;
         const bool bracketed = host.find(':') != std::string::npos;

@@ -13,6 +13,7 @@ import socket
 import subprocess
 import tempfile
 import threading
+import time
 import unittest
 
 SERVER = os.environ.get("KESTRIN_SERVER", "")
@@ -186,6 +187,15 @@ class Server:
         self.log.seek(start)
         text = self.log.read(limit).decode(errors="replace").splitlines()
         return "\n".join(text[1 if start else 0:][-lines:])
+
+
+def wait_for(predicate, seconds, what):
+    """Polls predicate until it holds; the server gives no other sign for what we wait on."""
+    deadline = time.monotonic() + seconds
+    while not predicate():
+        if time.monotonic() > deadline:
+            raise AssertionError("gave up waiting for " + what)
+        time.sleep(0.01)
 
 
 def skip_without_server():

@@ -21,18 +21,9 @@ import unittest
 
 import serverlib
 from serverlib import (SUCCESS_PAGE, TEMP_PREFIX, Server, ServerTestCase, file_part, multipart,
-                       page_message, read_response, request_head, sha256)
+                       page_message, read_response, request_head, sha256, wait_for)
 
 MIB = 1024 * 1024
-
-
-def wait_for(predicate, seconds, what):
-    """Polls predicate until it holds; the server gives no other sign for what we wait on."""
-    deadline = time.monotonic() + seconds
-    while not predicate():
-        if time.monotonic() > deadline:
-            raise AssertionError("gave up waiting for " + what)
-        time.sleep(0.01)
 
 
 class HostileInputTest(ServerTestCase):

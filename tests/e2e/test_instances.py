@@ -24,7 +24,7 @@ import time
 import unittest
 
 import serverlib
-from serverlib import TEMP_PREFIX, Server, sha256
+from serverlib import TEMP_PREFIX, Server, sha256, wait_for
 
 RECIPE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging",
                       "haproxy.cfg")
@@ -56,15 +56,6 @@ def balancer_config(recipe, port, servers):
     # The balancer's own log of every request, on its stdout, to tell what went wrong.
     return config.replace("\nglobal\n", "\nglobal\n    log stdout format raw daemon\n", 1).replace(
         "\ndefaults\n", "\ndefaults\n    log global\n    option httplog\n", 1)
-
-
-def wait_for(predicate, seconds, what):
-    deadline = time.monotonic() + seconds
-    while time.monotonic() < deadline:
-        if predicate():
-            return
-        time.sleep(0.05)
-    raise AssertionError("timed out waiting for " + what)
 
 
 class Results:

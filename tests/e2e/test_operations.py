@@ -6,12 +6,14 @@ the servers it needs on 127.0.0.1 (a free port) in a temporary directory of its 
 
 The server binary comes from KESTRIN_SERVER (set by CTest) or the first argument."""
 
+import base64
 import contextlib
 import datetime
 import json
 import os
 import re
 import shutil
+import signal
 import socket
 import ssl
 import subprocess
@@ -447,6 +449,57 @@ class TlsTest(OperationsTestCase):
         self.assertEqual(code, 1, err)
         self.assertNotIn("listening on", out)
         self.assertIn(key + ".missing", err)
+
+
+    def test_sighup_reloads_certificate_and_users_for_new_connections_unless_unusable(self):
+        cert, key = os.path.join(self.root, "live.pem"), os.path.join(self.root, "live.key")
+        first, second = self.certificate("first"), self.certificate("second")
+        hashed = {}
+        for password in ("alice-pw", "bob-pw"):
+            done = subprocess.run([serverlib.SERVER, "--hash-password"], capture_output=True,
+                                  input=password.encode() + b"\n", timeout=30, check=True)
+            hashed[password] = done.stdout.decode().strip()
+
+        def install(certificate, users):
+            shutil.copyfile(certificate[0], cert)
+            shutil.copyfile(certificate[1], key)
+            self.write("users", users)
+
+        def login(user, password):
+            return b"Authorization: Basic %s\r\n" % base64.b64encode(
+                ("%s:%s" % (user, password)).encode())
+
+        install(first, "alice:%s\n" % hashed["alice-pw"])
+        server = self.start("--tls-cert", cert, "--tls-key", key, "--auth-file",
+                            os.path.join(self.root, "users"))
+        trusts_first, trusts_second = (ssl.create_default_context(cafile=c) for c, _ in
+                                       (first, second))
+        self.assertEqual(upload(server, [(b"a.txt", b"a")], headers=login("alice", "alice-pw"),
+                                context=trusts_first)[0], 200)
+
+        install(second, "bob:%s\n" % hashed["bob-pw"])
+        server.process.send_signal(signal.SIGHUP)
+        serverlib.wait_for(lambda: "reloaded the 1 user of" in server.logged(), 20, "the reload")
+        self.assertIn("reloaded the TLS certificate %s and key %s" % (cert, key), server.logged())
+        with self.assertRaises(ssl.SSLCertVerificationError):
+            exchange(server, b"GET", b"/healthz", context=trusts_first)
+        self.assertEqual(upload(server, [(b"b.txt", b"b")], headers=login("alice", "alice-pw"),
+                                context=trusts_second)[0], 401)
+        self.assertEqual(upload(server, [(b"b.txt", b"b")], headers=login("bob", "bob-pw"),
+                                context=trusts_second)[0], 200)
+
+        # Files that cannot be used leave the ones loaded before in place, and say why.
+        self.write("live.pem", "not a certificate\n")
+        self.write("users", "bob\n")
+        server.process.send_signal(signal.SIGHUP)
+        serverlib.wait_for(lambda: "cannot reload the users" in server.logged(), 20,
+                           "the refused reload")
+        self.assertRegex(server.logged(), r"ERROR cannot reload the TLS certificate: "
+                                          r"--tls-cert \S+live\.pem: not a usable PEM file")
+        self.assertRegex(server.logged(), r"ERROR cannot reload the users: \S+users:1: no ':'")
+        self.assertEqual(upload(server, [(b"c.txt", b"c")], headers=login("bob", "bob-pw"),
+                                context=trusts_second)[0], 200)
+        self.assertEqual(server.stop(), 0)
 
 
 if __name__ == "__main__":

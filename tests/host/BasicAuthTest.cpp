@@ -10,8 +10,10 @@
 #include <crypt.h>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace kestrin::host {
 namespace {
@@ -206,6 +208,37 @@ TEST(BasicAuth, throttlesChecksOnceTheBudgetIsSpentUntilTimeRefillsIt) {
     meter.advance(2s);
     EXPECT_EQ(auth.check(wrong).outcome, Outcome::denied);
     EXPECT_EQ(meter.checkCount(), 6);
+}
+
+// A new password file lets in whom it names and no one else, whatever was granted before,
+// even when it comes while a check against the old one is running.
+TEST(BasicAuth, aReplacedPasswordFileForgetsEveryHeaderGrantedBefore) {
+    FakeMeter meter;
+    BasicAuth::Options options = meter.options();
+    std::function<void()> duringCheck;
+    options.measure = [inner = options.measure, &duringCheck](const std::function<void()>& check) {
+        if (duringCheck) {
+            std::exchange(duringCheck, nullptr)();
+        }
+        return inner(check);
+    };
+    BasicAuth auth(
+        PasswordFile::parse("alice:" + cheapHash("old") + "\nbob:" + cheapHash("b"), "users"),
+        options);
+    const std::string aliceOld = basicHeader("alice:old"), bob = basicHeader("bob:b");
+    EXPECT_EQ(auth.check(aliceOld).outcome, Outcome::granted);
+    EXPECT_EQ(auth.check(bob).outcome, Outcome::granted);
+    auth.replaceUsers(PasswordFile::parse("alice:" + cheapHash("new"), "users"));
+    EXPECT_EQ(auth.check(aliceOld).outcome, Outcome::denied);
+    EXPECT_EQ(auth.check(bob).outcome, Outcome::denied);
+    EXPECT_EQ(auth.check(basicHeader("alice:new")).outcome, Outcome::granted);
+    EXPECT_EQ(meter.checkCount(), 5);
+
+    const std::string aliceNew = basicHeader("alice:new", "basic");
+    duringCheck = [&] { auth.replaceUsers(PasswordFile::parse("carol:" + cheapHash("c"), "u")); };
+    EXPECT_EQ(auth.check(aliceNew).outcome, Outcome::granted);
+    EXPECT_EQ(auth.check(aliceNew).outcome, Outcome::denied);
+    EXPECT_EQ(meter.checkCount(), 7);
 }
 
 // A client guessing passwords spends its own share and is throttled while another client,
