@@ -387,7 +387,11 @@ class DiskReserveTest(unittest.TestCase):
         self.assertEqual(len(self.names()), 200 * len(stored))
         self.assertGreaterEqual(free_files(), 500)
         self.assertIn(" files kept free\"", self.server.logged())
-        self.assertEqual(send(b"late"), self.refused)
+        # How many went in depends on which finished before others came; one more goes in only
+        # when its 200 files still leave 500.
+        fits = free_files() - 200 >= 500
+        self.assertEqual(send(b"late"), (200, SUCCESS_PAGE) if fits else self.refused)
+        self.assertGreaterEqual(free_files(), 500)
         self.assertEqual(read_health(self.server)[0], 200)
         self.assertEqual(self.server.stop(), 0)
 
