@@ -16,15 +16,15 @@ using Outcome = BasicAuth::Outcome;
 using namespace std::chrono_literals;
 
 // IO threads check headers at once while the cache of granted headers fills and is forgotten
-// over and over (room for two, five spellings in use): every header still gets the answer its
-// credentials deserve, and ThreadSanitizer sees the cache, the budget and crypt's storage.
+// over and over (room for two, five spellings in use), and while a reload replaces the users
+// with the same ones: every header still gets the answer its credentials deserve, and
+// ThreadSanitizer sees the users, the cache, the budget and crypt's storage.
 TEST(BasicAuthConcurrency, everyThreadGetsTheRightAnswerWhileTheCacheTurnsOver) {
     FakeMeter meter;
     BasicAuth::Options options = meter.options();
     options.cacheEntries = 2;
-    BasicAuth auth(
-        PasswordFile::parse("alice:" + cheapHash("a:pw") + "\nbob:" + cheapHash("b"), "users"),
-        options);
+    const std::string users = "alice:" + cheapHash("a:pw") + "\nbob:" + cheapHash("b");
+    BasicAuth auth(PasswordFile::parse(users, "users"), options);
     const std::vector<std::string> right = {
         basicHeader("alice:a:pw"), basicHeader("alice:a:pw", "basic"),
         basicHeader("alice:a:pw", "BASIC"), basicHeader("bob:b"), basicHeader("bob:b", "bAsIc")};
@@ -45,6 +45,12 @@ TEST(BasicAuthConcurrency, everyThreadGetsTheRightAnswerWhileTheCacheTurnsOver) 
             }
         });
     }
+    threads.emplace_back([&] {
+        for (int round = 0; round < 20; ++round) {
+            auth.replaceUsers(PasswordFile::parse(users, "users"));
+            std::this_thread::yield();
+        }
+    });
     for (std::thread& thread : threads) {
         thread.join();
     }
