@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <crypt.h>
 #include <ctime>
 #include <fcntl.h>
@@ -166,6 +165,10 @@ std::chrono::nanoseconds threadCpuTime(const std::function<void()>& check) {
     return read() - start;
 }
 
+double seconds(std::chrono::nanoseconds duration) {
+    return std::chrono::duration<double>(duration).count();
+}
+
 BasicAuth::Options withDefaults(BasicAuth::Options options) {
     if (options.budget <= std::chrono::nanoseconds::zero() ||
         options.refillPerSecond <= std::chrono::nanoseconds::zero() ||
@@ -281,8 +284,11 @@ BasicAuth::BasicAuth(PasswordFile passwordFile)
 
 BasicAuth::BasicAuth(PasswordFile passwordFile, Options limits)
     : options(withDefaults(std::move(limits)))
-    , users(std::make_shared<const PasswordFile>(std::move(passwordFile)))
-    , shared{options.budget, options.now()} {}
+    , budget(RateBudget::Limits{seconds(options.budget), seconds(options.refillPerSecond),
+                                seconds(options.clientBudget),
+                                seconds(options.clientRefillPerSecond), options.clientEntries},
+             options.now())
+    , users(std::make_shared<const PasswordFile>(std::move(passwordFile))) {}
 
 void BasicAuth::replaceUsers(PasswordFile passwordFile) {
     auto replacement = std::make_shared<const PasswordFile>(std::move(passwordFile));
@@ -309,43 +315,18 @@ BasicAuth::Result BasicAuth::check(std::string_view authorization, std::string_v
         if (known != granted.end()) {
             return {Outcome::granted, known->second, {}};
         }
-        const auto now = options.now();
-        // Whole seconds until the emptier of the two buckets is in credit again.
-        double wait = 0;
-        const Credit left = refill(shared, options.budget, options.refillPerSecond, now);
-        if (left <= Credit::zero()) {
-            wait = -left.count() / Credit(options.refillPerSecond).count();
-        }
-        if (!address.empty()) {
-            Bucket& own = clientBucket(address, now);
-            const Credit ownLeft =
-                refill(own, options.clientBudget, options.clientRefillPerSecond, now);
-            if (ownLeft <= Credit::zero()) {
-                wait = std::max(wait,
-                                -ownLeft.count() / Credit(options.clientRefillPerSecond).count());
-            }
-            if (left <= Credit::zero() || ownLeft <= Credit::zero()) {
-                return {Outcome::throttled, std::move(credentials->user),
-                        std::chrono::seconds(std::max<long long>(
-                            1, static_cast<long long>(std::ceil(wait - 1e-9))))};
-            }
-        } else if (left <= Credit::zero()) {
-            return {Outcome::throttled, std::move(credentials->user),
-                    std::chrono::seconds(
-                        std::max<long long>(1, static_cast<long long>(std::ceil(wait - 1e-9))))};
-        }
+    }
+    if (const std::optional<RateBudget::Refusal> refused = budget.check(address, options.now())) {
+        return {Outcome::throttled, std::move(credentials->user), refused->retryAfter};
     }
     bool matches = false;
     const std::chrono::nanoseconds cost = options.measure(
         [&] { matches = checkedAgainst->verify(credentials->user, credentials->password); });
-    const std::lock_guard<std::mutex> lock(mutex);
-    shared.credit -= cost;
-    if (!address.empty()) {
-        clientBucket(address, options.now()).credit -= cost;
-    }
+    budget.spend(address, seconds(cost), options.now());
     if (!matches) {
         return {Outcome::denied, std::move(credentials->user), {}};
     }
+    const std::lock_guard<std::mutex> lock(mutex);
     if (generation != usersGeneration) {
         return {Outcome::granted, std::move(credentials->user), {}};
     }
@@ -357,38 +338,6 @@ BasicAuth::Result BasicAuth::check(std::string_view authorization, std::string_v
     }
     granted.emplace(header, credentials->user);
     return {Outcome::granted, std::move(credentials->user), {}};
-}
-
-BasicAuth::Credit BasicAuth::refill(Bucket& bucket, std::chrono::nanoseconds budget,
-                                    std::chrono::nanoseconds perSecond,
-                                    std::chrono::steady_clock::time_point now) {
-    if (now > bucket.refilledAt) {
-        const double rate = Credit(perSecond).count();
-        bucket.credit =
-            std::min<Credit>(budget, bucket.credit + Credit(now - bucket.refilledAt) * rate);
-        bucket.refilledAt = now;
-    }
-    return bucket.credit;
-}
-
-BasicAuth::Bucket& BasicAuth::clientBucket(const std::string& client,
-                                           std::chrono::steady_clock::time_point now) {
-    const auto found = clients.find(client);
-    if (found != clients.end()) {
-        return found->second;
-    }
-    if (clients.size() >= options.clientEntries) {
-        // A client back at its full credit loses nothing by being forgotten.
-        for (auto it = clients.begin(); it != clients.end();) {
-            const Credit left =
-                refill(it->second, options.clientBudget, options.clientRefillPerSecond, now);
-            it = left >= Credit(options.clientBudget) ? clients.erase(it) : std::next(it);
-        }
-        if (clients.size() >= options.clientEntries) {
-            clients.clear();
-        }
-    }
-    return clients.emplace(client, Bucket{options.clientBudget, now}).first->second;
 }
 
 } // namespace kestrin::host

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "host/RateBudget.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -46,8 +48,8 @@ private:
 std::string hashPassword(std::string_view password);
 
 // Decides whether a request's Authorization header grants access, for HTTP Basic against a
-// PasswordFile it owns. IO threads call check at the same time; one lock guards the users, the
-// cache of granted headers and the budget, and is never held while crypt runs. Password checks are
+// PasswordFile it owns. IO threads call check at the same time; one lock guards the users and the
+// cache of granted headers, and is never held while crypt runs. Password checks are
 // slow by design, so the CPU time they may take is a budget that refills with time (see Options);
 // once it is spent, checks that would need crypt are refused until it refills.
 class BasicAuth {
@@ -110,20 +112,9 @@ public:
     void replaceUsers(PasswordFile passwordFile);
 
 private:
-    using Credit = std::chrono::duration<double>;
-    struct Bucket {
-        Credit credit;
-        std::chrono::steady_clock::time_point refilledAt;
-    };
-
-    // The bucket's credit after refilling it up to now; called with the lock held.
-    static Credit refill(Bucket& bucket, std::chrono::nanoseconds budget,
-                         std::chrono::nanoseconds perSecond,
-                         std::chrono::steady_clock::time_point now);
-    // The bucket of client, made full if new; called with the lock held.
-    Bucket& clientBucket(const std::string& client, std::chrono::steady_clock::time_point now);
-
     const Options options;
+    // Password checks are paid in seconds of CPU time.
+    RateBudget budget;
     std::mutex mutex;
     // Replaced whole, under the lock; a check holds on to the one it started with.
     std::shared_ptr<const PasswordFile> users;
@@ -133,9 +124,6 @@ private:
     // cannot fill it with guesses. A lookup compares whole keys only once their hashes match,
     // so its time tells a guess nothing about the headers kept here.
     std::unordered_map<std::string, std::string> granted;
-    // May go below zero: checks already running when the credit ran out are charged in full.
-    Bucket shared;
-    std::unordered_map<std::string, Bucket> clients;
 };
 
 } // namespace kestrin::host

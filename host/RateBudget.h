@@ -1,0 +1,77 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace kestrin::host {
+
+// Something costly that clients make the server do (check a password, sign a TLS handshake),
+// paid from credit that comes back with time: a pool every client draws from, and a share of
+// its own for each client address, so that one client that spends fast runs dry long before
+// the others notice. No IO; safe on any thread.
+class RateBudget {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    struct Limits {
+        double total;           // the pool holds this much at most...
+        double totalPerSecond;  // ...and earns this much back each second
+        double client;          // a client's share holds this much at most...
+        double clientPerSecond; // ...and earns this much back each second
+        // Client addresses whose share is remembered; when full, those back at their full
+        // share are forgotten, and if none is, all.
+        std::size_t clientEntries = 4096;
+    };
+
+    struct Refusal {
+        // Whole seconds until the emptier of the pool and the share is in credit again, at
+        // least 1 (a Retry-After).
+        std::chrono::seconds retryAfter;
+        // The client's own share ran dry (not only the pool).
+        bool clientSpent;
+    };
+
+    // Full at start. Throws std::invalid_argument unless every amount and rate is positive
+    // and finite.
+    explicit RateBudget(const Limits& limits, Clock::time_point start = Clock::now());
+    RateBudget(const RateBudget&) = delete;
+    RateBudget& operator=(const RateBudget&) = delete;
+
+    // Nothing when the pool, and the share of client unless client is empty, both have credit
+    // now.
+    [[nodiscard]] std::optional<Refusal> check(const std::string& client, Clock::time_point now);
+    // Charges amount to the pool and to the share of client, unless client is empty. Either may
+    // go below zero: work already begun when the credit ran out is paid in full, and the debt
+    // is earned back before anything else is allowed.
+    void spend(const std::string& client, double amount, Clock::time_point now);
+    // check, then spend if it allowed: one step, so that racing callers cannot both take the
+    // last credit.
+    [[nodiscard]] std::optional<Refusal> take(const std::string& client, double amount,
+                                              Clock::time_point now);
+
+    std::size_t clientsRemembered() const;
+
+private:
+    struct Bucket {
+        double credit;
+        Clock::time_point refilledAt;
+    };
+
+    std::optional<Refusal> checkLocked(const std::string& client, Clock::time_point now);
+    void spendLocked(const std::string& client, double amount, Clock::time_point now);
+    // The bucket's credit after refilling it up to now.
+    static double refill(Bucket& bucket, double most, double perSecond, Clock::time_point now);
+    // The share of client, made full if new.
+    Bucket& share(const std::string& client, Clock::time_point now);
+
+    const Limits limits;
+    mutable std::mutex mutex;
+    Bucket pool;
+    std::unordered_map<std::string, Bucket> clients;
+};
+
+} // namespace kestrin::host
