@@ -20,11 +20,14 @@ import base64
 import contextlib
 import ctypes
 import dataclasses
+import http.client
 import os
 import re
 import resource
 import shutil
 import signal
+import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -75,6 +78,7 @@ class Form:
     password_seconds: int
     row_limit: int          # seconds one row may take
     deadline: int
+    handshake_seconds: int = 5
 
 
 def default_budget_mib():
@@ -92,7 +96,7 @@ SHORT = Form("short", 8, 64, 256, 64, 300, 256, 10, 4, 2000, 500, 20000, 16, 8, 
 # The budget is passed even where it equals the server's default: a server without one would
 # take 32 GB for sixteen bodies of 1,000 MiB.
 FULL = Form("full", 16, 1000, default_budget_mib(), 1000, 1100, 1024, 30, 16, 10000, None,
-            100000, 64, 30, 256, 10, 900, 1800)
+            100000, 64, 30, 256, 10, 900, 1800, handshake_seconds=30)
 
 
 class Skipped(Exception):
@@ -763,6 +767,104 @@ async def password_flood(ctx, row):
     await still_serving(ctx, row, server, [right])
 
 
+# The server's default handshake rate for one client address, four seconds' worth at once.
+HANDSHAKES_PER_CLIENT = 32
+
+
+def tls_certificate(ctx):
+    """A self-signed P-256 certificate for 127.0.0.1 in the run's root: (its file, its key's
+    file). Skipped without the openssl command."""
+    cert, key = os.path.join(ctx.root, "tls.pem"), os.path.join(ctx.root, "tls.key")
+    try:
+        made = subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                               "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key, "-out",
+                               cert, "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
+                               "subjectAltName=IP:127.0.0.1"], capture_output=True, timeout=60)
+    except FileNotFoundError:
+        raise Skipped("no openssl command") from None
+    if made.returncode != 0:
+        raise Skipped("openssl: " + first_line(made.stderr.decode(errors="replace")))
+    return cert, key
+
+
+def tls_upload(server, context):
+    """good_upload over HTTPS, from a thread."""
+    name = "good-tls.bin"
+    body = small_body([(name.encode(), GOOD_CONTENT)])
+    started = time.monotonic()
+    connection = http.client.HTTPSConnection("127.0.0.1", server.port, timeout=10,
+                                             context=context, source_address=(GOOD_SOURCE, 0))
+    try:
+        connection.request("POST", "/users", body, {
+            "Content-Type": "multipart/form-data; boundary=" + BOUNDARY.decode()})
+        response = connection.getresponse()
+        label, page = str(response.status), response.read()
+    except (OSError, http.client.HTTPException) as error:
+        label, page = type(error).__name__, b""
+    finally:
+        connection.close()
+    seconds = time.monotonic() - started
+    path = os.path.join(server.directory, name)
+    stored = os.path.exists(path) and os.path.getsize(path) == len(GOOD_CONTENT)
+    with contextlib.suppress(OSError):
+        os.remove(path)
+    ok = label == "200" and page == SUCCESS_PAGE and stored
+    return Good(label if ok or label != "200" else "200 but not stored", seconds, ok)
+
+
+async def handshake_flood(ctx, row):
+    """Clients at two addresses reconnect over TLS as fast as they can, each connection a
+    handshake the server must sign and nothing more."""
+    cert, key = tls_certificate(ctx)
+    server = ctx.start("--tls-cert", cert, "--tls-key", key)
+    context = ssl.create_default_context(cafile=cert)
+    sources = ATTACK_SOURCES[:2]
+    end = time.monotonic() + ctx.form.handshake_seconds
+
+    def handshaker(source):
+        done = refused = 0
+        for _ in range(200000):
+            if time.monotonic() > end:
+                break
+            try:
+                with socket.create_connection(("127.0.0.1", server.port), timeout=5,
+                                              source_address=(source, 0)) as raw:
+                    with context.wrap_socket(raw, server_hostname="127.0.0.1"):
+                        done += 1
+            except (ssl.SSLError, OSError):
+                refused += 1
+        return source, done, refused
+
+    with row.measure(server) as meter:
+        started = time.monotonic()
+        attackers = [asyncio.create_task(asyncio.to_thread(handshaker, source))
+                     for source in sources for _ in range(2)]
+        await asyncio.sleep(1)
+        row.good = await asyncio.to_thread(tls_upload, server, context)
+        results = await asyncio.gather(*attackers)
+        seconds = time.monotonic() - started
+    done, refused = Counter(), Counter()
+    for source, completed, closed in results:
+        done[source] += completed
+        refused[source] += closed
+    row.answers.update({"handshake": sum(done.values()), "closed": sum(refused.values())})
+    # Four seconds' worth at once, then the rate, and a second of it to spare for the clocks.
+    allowed = HANDSHAKES_PER_CLIENT * (4 + seconds + 1)
+    for source in sources:
+        row.check(done[source] <= allowed, "%s completed %d handshakes in %.1f s (> %d)"
+                  % (source, done[source], seconds, allowed))
+    row.check(sum(refused.values()) > 0, "no handshake refused: the flood never outran the rate")
+    with contextlib.suppress(AssertionError):  # the count is written once a second
+        serverlib.wait_for(lambda: "TLS handshakes refused" in server.logged(), 5, "the count")
+    row.check("TLS handshakes refused: over their rate" in server.logged(),
+              "no log line for the refused handshakes")
+    row.check_good(row.good)
+    if meter.cpu_percent is not None:
+        row.check(meter.cpu_percent < 30, "CPU %.0f%% >= 30%%" % meter.cpu_percent, timing=True)
+    good = await asyncio.to_thread(tls_upload, server, context)
+    row.check(good.ok, "after the attack, a good upload got %s" % good.label)
+
+
 def first_line(text):
     return (text.strip().splitlines() or ["(nothing)"])[0]
 
@@ -803,6 +905,8 @@ def rows_of(form):
         ("15", "wrong-password flood", "401/503, good 200, CPU<30%", password_flood),
         ("16", "16 x 32 MiB onto 256 MiB, 64 kept", "200 or early 507, 64 MiB stay free",
          disk_fill),
+        ("17", "TLS handshake flood, 2 addresses", "<=%d/s each after a burst, good 200, CPU<30%%"
+         % HANDSHAKES_PER_CLIENT, handshake_flood),
     ]
 
 

@@ -383,6 +383,14 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
     option("max-connections-per-client", "N",
            "open connections from one client address (default 32)",
            count(server.maxConnectionsPerClient, 1, 10'000'000));
+    option("tls-handshakes", "N",
+           "TLS handshakes begun each second, in bursts of up to four seconds' worth; past "
+           "that, new connections are closed unanswered (default 512)",
+           count(server.tlsHandshakes, 1, 1'000'000));
+    option("tls-handshakes-per-client", "N",
+           "TLS handshakes begun each second from one client address, in bursts of up to four "
+           "seconds' worth (default 32)",
+           count(server.tlsHandshakesPerClient, 1, 1'000'000));
     option("idle-timeout", "SECS",
            "close connections that send nothing this long; nor may a body pause this long "
            "(default 30)",

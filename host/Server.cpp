@@ -11,6 +11,7 @@
 #include "host/MemoryBudget.h"
 #include "host/Metrics.h"
 #include "host/PartHeaderCheck.h"
+#include "host/RateBudget.h"
 #include "host/RequestGate.h"
 #include "host/ServicePlacement.h"
 #include "host/WarmPages.h"
@@ -107,6 +108,7 @@ public:
         tableFull,
         refusalNotLogged,
         tlsFailed,
+        tlsThrottled,
         kinds
     };
 
@@ -136,7 +138,8 @@ public:
             "connections refused: client over its limit",
             "connections refused: server full",
             "refused requests not logged one by one",
-            "TLS handshakes failed"};
+            "TLS handshakes failed",
+            "TLS handshakes refused: over their rate"};
         std::string line;
         for (int kind = 0; kind < kinds; ++kind) {
             const std::uint64_t n = counts[kind].exchange(0, std::memory_order_relaxed);
@@ -188,6 +191,11 @@ void evictSession(Shared& shared, ConnectionTable::Id id);
 // it keeps is closed: at the minimum rate, one announced large body held memory for days.
 constexpr std::chrono::minutes slowBodyHorizon{10};
 
+// TLS handshakes may come this many seconds' worth at once: a browser opens several
+// connections together, and the clients behind one address (an office, a carrier's NAT) start
+// theirs when they please.
+constexpr double handshakeBurstSeconds = 4;
+
 // What every session shares with the server: its settings, the gate, the service threads,
 // the memory budget, the connection table, the stop flag and the live sessions (so a stop, or
 // a new connection that needs a slot, can reach them).
@@ -206,6 +214,11 @@ struct Shared {
                                         serverOptions.maxConnectionsPerClient,
                                         serverOptions.minBodyRate})
         , events(serverOptions.logFormat)
+        , handshakes(
+              RateBudget::Limits{handshakeBurstSeconds * serverOptions.tlsHandshakes,
+                                 static_cast<double>(serverOptions.tlsHandshakes),
+                                 handshakeBurstSeconds * serverOptions.tlsHandshakesPerClient,
+                                 static_cast<double>(serverOptions.tlsHandshakesPerClient)})
         , services(std::max(1u, serverOptions.serviceThreads))
         , control(net::make_strand(context))
         , drainTimer(control)
@@ -284,6 +297,7 @@ struct Shared {
     RequestGate gate;
     ConnectionTable table;
     EventLog events;
+    RateBudget handshakes; // one unit per TLS connection
     Metrics metrics;
     const bool secure = !options.tlsCertificate.empty(); // serving HTTPS
     net::thread_pool services;
@@ -1347,6 +1361,17 @@ private:
     }
 
     void admit(tcp::socket&& socket, const std::string& client) {
+        // Before a slot is taken: a connection refused here costs no other connection its slot.
+        if (shared->secure) {
+            if (const auto refused = shared->handshakes.take(client, 1, Clock::now())) {
+                shared->events.count(EventLog::tlsThrottled,
+                                     refused->clientSpent ? client : "all clients");
+                shared->metrics.refused(503);
+                beast::error_code ignored;
+                socket.close(ignored);
+                return;
+            }
+        }
         const ConnectionTable::Admission admission = shared->table.admit(client, Clock::now());
         if (admission.outcome != ConnectionTable::Admission::Outcome::admitted) {
             const bool clientFull =

@@ -34,6 +34,12 @@ struct ServerOptions {
     unsigned serviceThreads = 64;
     std::size_t maxConnections = 1024;
     std::size_t maxConnectionsPerClient = 32;
+    // TLS handshakes begun each second, in all and from one client address, each in bursts of
+    // up to handshakeBurstSeconds' worth. A handshake signs with the certificate's key: the
+    // dearest thing a client can make the server do before it sends a request. Past that, a
+    // new connection is closed unanswered.
+    unsigned tlsHandshakes = 512;
+    unsigned tlsHandshakesPerClient = 32;
     std::chrono::seconds idleTimeout{30};
     std::chrono::seconds headerTimeout{10};
     std::uint64_t minBodyRate = 1024; // bytes per second, after headerTimeout of grace

@@ -34,10 +34,11 @@ export ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1:halt_on_error=1:a
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 ctest --test-dir build-asan --output-on-failure -j "$jobs" -L 'unit|concurrency'
 # The server under attack, checked: floods, many files, cross-site requests, smuggling, a stop
-# mid-body, a password flood, a filled disk. Not the memory rows (the sanitizer's own memory is counted) nor
-# the one that runs out of descriptors (the sanitizer needs some for its own checks).
+# mid-body, a password flood, a filled disk, a TLS handshake flood. Not the memory rows (the
+# sanitizer's own memory is counted) nor the one that runs out of descriptors (the sanitizer
+# needs some for its own checks).
 python3 -B bench/hostile_load.py build-asan/host/kestrin-upload-server \
-    --only 4,5,6,4b,8,9,10,11,12,14,15,16
+    --only 4,5,6,4b,8,9,10,11,12,14,15,16,17
 unset ASAN_OPTIONS UBSAN_OPTIONS
 
 stage "ThreadSanitizer (concurrency tests)"

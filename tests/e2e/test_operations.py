@@ -20,6 +20,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 
 import serverlib
@@ -499,6 +500,49 @@ class TlsTest(OperationsTestCase):
         self.assertRegex(server.logged(), r"ERROR cannot reload the users: \S+users:1: no ':'")
         self.assertEqual(upload(server, [(b"c.txt", b"c")], headers=login("bob", "bob-pw"),
                                 context=trusts_second)[0], 200)
+        self.assertEqual(server.stop(), 0)
+
+
+    def test_handshakes_past_their_rate_are_refused_per_client_and_in_all(self):
+        cert, key = self.certificate("cert")
+        context = ssl.create_default_context(cafile=cert)
+
+        def handshake(server, source):
+            """Whether a TLS handshake from source completes."""
+            with socket.create_connection(("127.0.0.1", server.port), timeout=10,
+                                          source_address=(source, 0)) as raw:
+                try:
+                    with context.wrap_socket(raw, server_hostname="127.0.0.1"):
+                        return True
+                except (ssl.SSLError, OSError):
+                    return False
+
+        def flood(server, source, tries):
+            """(handshakes that completed, seconds taken)."""
+            started = time.monotonic()
+            done = sum(handshake(server, source) for _ in range(tries))
+            return done, time.monotonic() - started
+
+        # One a second with four at once: twelve tries in a row get four and what refilled.
+        server = self.start("--tls-cert", cert, "--tls-key", key,
+                            "--tls-handshakes-per-client", "1")
+        done, seconds = flood(server, "127.0.0.2", 12)
+        self.assertLessEqual(done, 4 + int(seconds) + 1)
+        self.assertLess(done, 12)
+        # Another address has its own share.
+        self.assertEqual(upload(server, [(b"a.txt", b"a")], context=context)[0], 200)
+        serverlib.wait_for(lambda: "TLS handshakes refused" in server.logged(), 10, "the count")
+        self.assertRegex(server.logged(),
+                         r"TLS handshakes refused: over their rate x\d+ \(127\.0\.0\.2\)")
+        self.assertEqual(server.stop(), 0)
+
+        # The same in all: the pool runs dry for every address, which the log says.
+        server = self.start("--tls-cert", cert, "--tls-key", key, "--tls-handshakes", "1")
+        done, seconds = flood(server, "127.0.0.2", 12)
+        self.assertLessEqual(done, 4 + int(seconds) + 1)
+        self.assertLess(done, 12)
+        serverlib.wait_for(lambda: "TLS handshakes refused" in server.logged(), 10, "the count")
+        self.assertRegex(server.logged(), r"over their rate x\d+ \(all clients\)")
         self.assertEqual(server.stop(), 0)
 
 
