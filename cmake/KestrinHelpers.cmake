@@ -25,6 +25,8 @@ macro(kestrin_apply_sanitizers)
 endmacro()
 
 # kestrin_add_test(NAME name SOURCES ... LIBS ... LABELS ...)
+# A test labelled "concurrency" is also built by the target concurrency_tests, so that a
+# ThreadSanitizer build can make just those.
 function(kestrin_add_test)
     cmake_parse_arguments(T "" "NAME" "SOURCES;LIBS;LABELS" ${ARGN})
     add_executable(${T_NAME} ${T_SOURCES})
@@ -35,6 +37,12 @@ function(kestrin_add_test)
         set(T_LABELS unit)
     endif()
     gtest_discover_tests(${T_NAME} PROPERTIES LABELS "${T_LABELS}" DISCOVERY_TIMEOUT 60)
+    if("concurrency" IN_LIST T_LABELS)
+        if(NOT TARGET concurrency_tests)
+            add_custom_target(concurrency_tests)
+        endif()
+        add_dependencies(concurrency_tests ${T_NAME})
+    endif()
 endfunction()
 
 # kestrin_add_fuzzer(NAME name SOURCES ... LIBS ...)
