@@ -26,9 +26,14 @@ python3 -B bench/e2e_bench.py --server build/host/kestrin-upload-server \
     --floor build/bench/small_file_floor --size-mib 8 --repeat 1 --small-count 64 \
     --connections 4 > /dev/null
 
+# Sanitized builds optimise less and keep only line tables for their reports: at -O2 -g the
+# server alone took five minutes to compile under ASan and UBSan, at -O1 -g1 under two.
+sanitized="-O1 -g1 -DNDEBUG"
+
 stage "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DKESTRIN_SANITIZE=address,undefined -DKESTRIN_BUILD_BENCH=OFF > /dev/null
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$sanitized" -DKESTRIN_SANITIZE=address,undefined \
+    -DKESTRIN_BUILD_BENCH=OFF > /dev/null
 cmake --build build-asan -j "$jobs"
 export ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1:halt_on_error=1:abort_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
@@ -43,7 +48,8 @@ unset ASAN_OPTIONS UBSAN_OPTIONS
 
 stage "ThreadSanitizer (concurrency tests)"
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DKESTRIN_SANITIZE=thread -DKESTRIN_BUILD_BENCH=OFF > /dev/null
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$sanitized" -DKESTRIN_SANITIZE=thread \
+    -DKESTRIN_BUILD_BENCH=OFF > /dev/null
 # Only what runs under it: the unit suites ran under the other sanitizers already.
 cmake --build build-tsan -j "$jobs" --target kestrin-upload-server concurrency_tests
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
