@@ -3,6 +3,7 @@
 #include "host/AccessLog.h"
 #include "host/BlockHandOver.h"
 #include "host/BodyBufferPool.h"
+#include "host/ClientKey.h"
 #include "host/ConnectionTable.h"
 #include "host/DataBufferBody.h"
 #include "host/DiscardBody.h"
@@ -345,14 +346,15 @@ class Session : public SessionBase, public std::enable_shared_from_this<Session<
 public:
     template <class... StreamArguments>
     Session(std::shared_ptr<Shared> sharedState, ConnectionTable::Id slot,
-            std::string clientAddress, std::shared_ptr<ssl::context> tlsContext,
-            StreamArguments&&... streamArguments)
+            std::string clientAddress, std::string clientShares,
+            std::shared_ptr<ssl::context> tlsContext, StreamArguments&&... streamArguments)
         : tls(std::move(tlsContext))
         , stream(std::forward<StreamArguments>(streamArguments)...)
         , buffer(readBufferLimit)
         , shared(std::move(sharedState))
         , id(slot)
         , client(std::move(clientAddress))
+        , shares(std::move(clientShares))
         , timer(stream.get_executor())
         , holdBack(stream.get_executor()) {}
 
@@ -579,7 +581,7 @@ private:
         countStart();
 
         const bool expectsContinue = beast::iequals(request[http::field::expect], "100-continue");
-        verdict = shared->gate.decide(request, parser->content_length(), client);
+        verdict = shared->gate.decide(request, parser->content_length(), shares);
         switch (verdict.kind) {
         case Verdict::Kind::answer:
             if (verdict.waitsForMemory) {
@@ -1181,6 +1183,7 @@ private:
     std::shared_ptr<Shared> shared;
     const ConnectionTable::Id id;
     const std::string client; // the peer's address
+    const std::string shares; // the key of the client's shares of the server's budgets
     net::steady_timer timer;
     net::steady_timer holdBack; // for answers the gate holds back
     Clock::time_point deadline = Clock::time_point::max();
@@ -1355,12 +1358,14 @@ private:
         beast::error_code peerError;
         const tcp::endpoint peer = socket.remote_endpoint(peerError);
         if (!peerError) {
-            admit(std::move(socket), peer.address().to_string());
+            admit(std::move(socket), peer.address());
         }
         doAccept();
     }
 
-    void admit(tcp::socket&& socket, const std::string& client) {
+    // Budgets count a client by its key (an IPv6 one by its /64); logs name its address.
+    void admit(tcp::socket&& socket, const net::ip::address& peer) {
+        const std::string client = clientKey(peer);
         // Before a slot is taken: a connection refused here costs no other connection its slot.
         if (shared->secure) {
             if (const auto refused = shared->handshakes.take(client, 1, Clock::now())) {
@@ -1393,12 +1398,12 @@ private:
         if (shared->secure) {
             std::shared_ptr<ssl::context> tls = shared->currentTls();
             ssl::context& settings = *tls;
-            std::make_shared<Session<TlsStream>>(shared, admission.id, client, std::move(tls),
-                                                 std::move(socket), settings)
+            std::make_shared<Session<TlsStream>>(shared, admission.id, peer.to_string(), client,
+                                                 std::move(tls), std::move(socket), settings)
                 ->run();
         } else {
-            std::make_shared<Session<PlainStream>>(shared, admission.id, client, nullptr,
-                                                   std::move(socket))
+            std::make_shared<Session<PlainStream>>(shared, admission.id, peer.to_string(), client,
+                                                   nullptr, std::move(socket))
                 ->run();
         }
     }
