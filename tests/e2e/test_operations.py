@@ -545,6 +545,26 @@ class TlsTest(OperationsTestCase):
         self.assertRegex(server.logged(), r"over their rate x\d+ \(all clients\)")
         self.assertEqual(server.stop(), 0)
 
+    def test_a_connection_cannot_ask_for_a_second_handshake(self):
+        if not shutil.which("openssl"):
+            self.skipTest("no openssl command")
+        cert, key = self.certificate("cert")
+        server = self.start("--tls-cert", cert, "--tls-key", key)
+        # "R" asks the TLS 1.2 client to renegotiate; it stays connected while its input is open.
+        client = subprocess.Popen(["openssl", "s_client", "-connect", "127.0.0.1:%d" % server.port,
+                                   "-tls1_2", "-CAfile", cert], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        try:
+            client.stdin.write(b"R\n")
+            client.stdin.flush()
+            client.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            client.kill()
+        output = client.communicate()[0].decode(errors="replace")
+        self.assertIn("RENEGOTIATING", output)
+        self.assertIn("no renegotiation", output)
+        self.assertEqual(server.stop(), 0)
+
 
 if __name__ == "__main__":
     if len(sys.argv) > 1 and not sys.argv[1].startswith("-"):
