@@ -381,7 +381,8 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
                config.maxConnections = static_cast<std::size_t>(wholeNumber(value, 1, 10'000'000));
            });
     option("max-connections-per-client", "N",
-           "open connections from one client address (default 32)",
+           "open connections from one client address, an IPv6 client counting by its /64 as "
+           "for all its shares (default 32)",
            count(server.maxConnectionsPerClient, 1, 10'000'000));
     option("tls-handshakes", "N",
            "TLS handshakes begun each second, in bursts of up to four seconds' worth; past "
