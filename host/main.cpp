@@ -288,7 +288,11 @@ int serve(kestrin::host::Configuration arguments) {
                 " per client), " + std::to_string(options.maxFiles) + " files a request, " +
                 mebibytes(minFree.bytes) + " and " + std::to_string(minFree.files) +
                 " files of the disk kept free" + (auth ? ", authentication on" : "") +
-                (options.tlsCertificate.empty() ? "" : ", HTTPS") +
+                (options.tlsCertificate.empty()
+                     ? ""
+                     : ", HTTPS (" + std::to_string(options.tlsHandshakes) +
+                           " handshakes a second, " +
+                           std::to_string(options.tlsHandshakesPerClient) + " per client)") +
                 (arguments.configFile.empty() ? "" : "; settings from " + arguments.configFile));
 
         server.run();

@@ -526,6 +526,8 @@ class TlsTest(OperationsTestCase):
         # One a second with four at once: twelve tries in a row get four and what refilled.
         server = self.start("--tls-cert", cert, "--tls-key", key,
                             "--tls-handshakes-per-client", "1")
+        serverlib.wait_for(lambda: "HTTPS (512 handshakes a second, 1 per client)" in
+                           server.logged(), 10, "the start line with the rates")
         done, seconds = flood(server, "127.0.0.2", 12)
         self.assertLessEqual(done, 4 + int(seconds) + 1)
         self.assertLess(done, 12)
