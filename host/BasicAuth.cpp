@@ -279,6 +279,16 @@ std::string hashPassword(std::string_view password) {
     return hash;
 }
 
+BasicAuth::Options BasicAuth::cpuShares(unsigned percent, unsigned clientPercent) {
+    // One percent of a core is 10 ms of CPU time each second.
+    Options options;
+    options.refillPerSecond = std::chrono::milliseconds(10) * percent;
+    options.budget = 4 * options.refillPerSecond;
+    options.clientRefillPerSecond = std::chrono::milliseconds(10) * clientPercent;
+    options.clientBudget = 5 * options.clientRefillPerSecond;
+    return options;
+}
+
 BasicAuth::BasicAuth(PasswordFile passwordFile)
     : BasicAuth(std::move(passwordFile), Options()) {}
 

@@ -91,6 +91,11 @@ public:
         std::function<std::chrono::nanoseconds(const std::function<void()>& passwordCheck)> measure;
     };
 
+    // Options whose budgets are shares of one core's time: percent for every password check,
+    // clientPercent for those of one client, in bursts of four and five seconds' worth. The
+    // defaults are cpuShares(25, 5).
+    static Options cpuShares(unsigned percent, unsigned clientPercent);
+
     explicit BasicAuth(PasswordFile passwordFile);
     // Throws std::invalid_argument when the budget or its refill is not positive.
     BasicAuth(PasswordFile passwordFile, Options limits);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <functional>
+#include <map>
 #include <set>
 #include <thread>
 #include <vector>
@@ -254,16 +255,19 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
                "finish (up to --shutdown-timeout) and exits with 0.");
 
     // Each option converts and checks its own value; a failure names where the value came from.
+    // Where each option that was set came from, to name it in warnings.
+    std::map<std::string, std::string> given;
     const auto option = [&](const std::string& name, const std::string& type,
                             const std::string& help, std::function<void(const std::string&)> set) {
         CLI::Option* added = app.add_option_function<std::string>(
             "--" + name,
-            [&sources, name, set = std::move(set)](const std::string& value) {
+            [&sources, &given, name, set = std::move(set)](const std::string& value) {
                 try {
                     set(value);
                 } catch (const std::invalid_argument& error) {
                     throw ConfigurationError(sources.describe(name, value) + ": " + error.what());
                 }
+                given[name] = sources.describe(name, value);
             },
             help);
         added->type_name(type)->envname(environmentName(name))->run_callback_for_default();
@@ -442,6 +446,15 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "require HTTP Basic authentication against FILE's \"user:hash\" lines (yescrypt, "
            "bcrypt or sha512crypt hashes; make one with --hash-password); read again on SIGHUP",
            path(config.authFile));
+    option("auth-cpu", "PERCENT",
+           "CPU time that password checks may take, in percent of one core, in bursts of up "
+           "to four seconds' worth; past it, a request whose password must be checked gets 503 "
+           "with Retry-After (default 25)",
+           count(config.authCpu, 1, 10'000));
+    option("auth-cpu-per-client", "PERCENT",
+           "CPU time that the password checks of one client address may take, in percent of "
+           "one core, in bursts of up to five seconds' worth (default 5)",
+           count(config.authCpuPerClient, 1, 10'000));
     option("tls-cert", "FILE",
            "serve HTTPS with this PEM certificate chain (needs --tls-key); it and the key are "
            "read again on SIGHUP, for new connections",
@@ -526,6 +539,19 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
     if (config.tlsCertificate.empty() != config.tlsKey.empty()) {
         throw ConfigurationError("--tls-cert and --tls-key go together: give both or neither");
     }
+    // A budget set for a feature that is off would look like protection that is not there.
+    const auto inert = [&](std::initializer_list<const char*> names, bool off,
+                           const std::string& why) {
+        for (const char* name : names) {
+            if (const auto found = given.find(name); off && found != given.end()) {
+                config.warnings.push_back(found->second + ": does nothing " + why);
+            }
+        }
+    };
+    inert({"auth-cpu", "auth-cpu-per-client"}, config.authFile.empty(),
+          "without --auth-file (no password is checked)");
+    inert({"tls-handshakes", "tls-handshakes-per-client"}, config.tlsCertificate.empty(),
+          "without --tls-cert (the server speaks plain HTTP)");
     return config;
 }
 

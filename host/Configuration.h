@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrin::host {
 
@@ -22,8 +23,11 @@ public:
 // the configuration file, and the defaults.
 struct Configuration {
     ServerOptions server;
-    std::string directory;                     // empty: the working directory
-    std::string authFile;                      // empty: no authentication
+    std::string directory; // empty: the working directory
+    std::string authFile;  // empty: no authentication
+    // CPU time password checks may take, in percent of one core: in all, and for one client.
+    unsigned authCpu = 25;
+    unsigned authCpuPerClient = 5;
     std::optional<std::uint64_t> maxMemory;    // default: from the machine
     std::optional<std::size_t> maxConnections; // default: from the descriptor limit
     std::optional<std::uint64_t> minFree;      // default: from the filesystem's size
@@ -37,6 +41,8 @@ struct Configuration {
     bool version = false;
     bool hashPassword = false;
     std::string helpText; // set when help is
+    // Settings given that change nothing, each with why: the server starts, and says so.
+    std::vector<std::string> warnings;
 };
 
 // Reads argv and the environment, and the configuration file they name. Throws

@@ -208,6 +208,9 @@ int serve(kestrin::host::Configuration arguments) {
     const auto say = [&log](host::LogLevel level, const std::string& message) {
         std::cerr << log.event(std::chrono::system_clock::now(), level, message) << std::flush;
     };
+    for (const std::string& warning : arguments.warnings) {
+        say(host::LogLevel::warn, warning);
+    }
     // Quick uploads run on the IO threads, the others on the service threads.
     const std::size_t descriptors =
         raiseDescriptorLimit(options.serviceThreads + options.threads + writerThreads);
@@ -222,7 +225,9 @@ int serve(kestrin::host::Configuration arguments) {
     std::shared_ptr<host::BasicAuth> auth;
     std::function<std::string()> reloadUsers;
     if (!arguments.authFile.empty()) {
-        auth = std::make_shared<host::BasicAuth>(host::PasswordFile::load(arguments.authFile));
+        auth = std::make_shared<host::BasicAuth>(
+            host::PasswordFile::load(arguments.authFile),
+            host::BasicAuth::cpuShares(arguments.authCpu, arguments.authCpuPerClient));
         // Read again from where the server was started, not from the upload directory.
         reloadUsers = [auth, path = std::filesystem::absolute(arguments.authFile).string()] {
             host::PasswordFile users = host::PasswordFile::load(path);
@@ -287,7 +292,11 @@ int serve(kestrin::host::Configuration arguments) {
                 " connections (" + std::to_string(options.maxConnectionsPerClient) +
                 " per client), " + std::to_string(options.maxFiles) + " files a request, " +
                 mebibytes(minFree.bytes) + " and " + std::to_string(minFree.files) +
-                " files of the disk kept free" + (auth ? ", authentication on" : "") +
+                " files of the disk kept free" +
+                (auth ? ", authentication on (password checks up to " +
+                            std::to_string(arguments.authCpu) + "% of a core, " +
+                            std::to_string(arguments.authCpuPerClient) + "% per client)"
+                      : "") +
                 (options.tlsCertificate.empty()
                      ? ""
                      : ", HTTPS (" + std::to_string(options.tlsHandshakes) +

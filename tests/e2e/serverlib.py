@@ -150,10 +150,13 @@ class Server:
         reader.join(timeout)
         return lines[0].decode() if lines else ""
 
-    def connect(self, timeout=30):
+    def connect(self, timeout=30, source=None):
+        """A connection to the server, from the address source if given (127.0.0.2 and so on:
+        another client)."""
         host = self.host.strip("[]")
         return socket.create_connection(("127.0.0.1" if host in ("0.0.0.0", "::") else host,
-                                         self.port), timeout=timeout)
+                                         self.port), timeout=timeout,
+                                        source_address=(source, 0) if source else None)
 
     def stop(self, timeout=60):
         self.process.send_signal(signal.SIGTERM)

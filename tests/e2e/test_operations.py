@@ -40,11 +40,11 @@ def body_of_size(size):
     return upload_body([(b"sized.bin", b"s" * (size - overhead))])
 
 
-def exchange(server, method, path, headers=b"", body=b"", context=None):
-    """One request on a connection of its own; (status, fields with lowercase names, body), or
-    (None, {}, raw bytes) when the answer is no HTTP."""
+def exchange(server, method, path, headers=b"", body=b"", context=None, source=None):
+    """One request on a connection of its own, from the address source if given; (status,
+    fields with lowercase names, body), or (None, {}, raw bytes) when the answer is no HTTP."""
     with contextlib.ExitStack() as stack:
-        connection = stack.enter_context(server.connect(timeout=30))
+        connection = stack.enter_context(server.connect(timeout=30, source=source))
         if context:
             connection = stack.enter_context(
                 context.wrap_socket(connection, server_hostname="127.0.0.1"))
@@ -65,10 +65,10 @@ def exchange(server, method, path, headers=b"", body=b"", context=None):
     return int(match.group(1)), {name.lower(): value.strip() for name, _, value in lines}, rest
 
 
-def upload(server, files=None, body=None, headers=b"", context=None):
+def upload(server, files=None, body=None, headers=b"", context=None, source=None):
     return exchange(server, b"POST", b"/users", b"Content-Type: multipart/form-data; boundary=" +
                     BOUNDARY + b"\r\n" + headers, upload_body(files) if body is None else body,
-                    context)
+                    context, source)
 
 
 QUOTED = r'"(?:[^"\\]|\\.)*"'
@@ -365,6 +365,44 @@ class MetricsTest(OperationsTestCase):
                 kept = len(body) + part if keep != "0" else 0
                 self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="kept"), kept)
                 self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="in_use"), kept)
+
+class AuthTest(OperationsTestCase):
+    def test_password_checks_are_held_to_the_cpu_shares_given(self):
+        hashed = subprocess.run([serverlib.SERVER, "--hash-password"], capture_output=True,
+                                input=b"right\n", timeout=30, check=True).stdout.decode().strip()
+        users = self.write("users", "alice:%s\n" % hashed)
+
+        def guesses(server, source, count):
+            """The (status, Retry-After) of count wrong passwords sent from source in a row."""
+            answers = []
+            for attempt in range(count):
+                status, fields, _ = upload(server, [(b"g.txt", b"g")], source=source,
+                                           headers=b"Authorization: Basic %s\r\n" %
+                                           base64.b64encode(b"alice:wrong-%d" % attempt))
+                answers.append((status, fields.get("retry-after")))
+            return answers
+
+        # A check of the default hash takes tens of milliseconds of CPU. One percent of a core is
+        # 50 ms at once for one client: a guess or two, where the default share allows three or
+        # more. Another client has its own share.
+        server = self.start("--auth-file", users, "--auth-cpu-per-client", "1")
+        serverlib.wait_for(lambda: "password checks up to 25% of a core, 1% per client" in
+                           server.logged(), 10, "the start line with the shares")
+        answers = guesses(server, "127.0.0.2", 3)
+        self.assertLessEqual([status for status, _ in answers].count(401), 2, answers)
+        self.assertEqual(answers[-1][0], 503, answers)
+        self.assertGreaterEqual(int(answers[-1][1]), 1)
+        self.assertEqual(guesses(server, "127.0.0.3", 1), [(401, None)])
+        self.assertIn("password checks over their budget", server.logged())
+        self.assertEqual(server.stop(), 0)
+
+        # One percent of a core in all, 40 ms at once: once one client spent it, others wait too.
+        server = self.start("--auth-file", users, "--auth-cpu", "1")
+        answers = guesses(server, "127.0.0.2", 2)
+        self.assertEqual(answers[-1][0], 503, answers)
+        self.assertEqual(guesses(server, "127.0.0.3", 1)[0][0], 503)
+        self.assertEqual(server.stop(), 0)
+
 
 class ConflictTest(OperationsTestCase):
     def test_a_name_already_taken_is_replaced_refused_or_renamed_as_configured(self):

@@ -127,6 +127,18 @@ TEST(Configuration, flagsBeatTheEnvironmentWhichBeatsTheFileAndErrorsSayWhere) {
     EXPECT_EQ(defaults.server.maxBody, std::uint64_t{1} << 30);
     EXPECT_EQ(defaults.server.address, "127.0.0.1");
     EXPECT_EQ(defaults.onConflict, "replace");
+    EXPECT_TRUE(defaults.warnings.empty());
+
+    // A budget for what is switched off protects nothing: the start says so, naming the
+    // setting as it was given.
+    EXPECT_EQ(parse({"--tls-handshakes", "9"}, {{"KESTRIN_AUTH_CPU", "50"}}).warnings,
+              (std::vector<std::string>{
+                  "KESTRIN_AUTH_CPU=50: does nothing without --auth-file (no password is checked)",
+                  "--tls-handshakes 9: does nothing without --tls-cert (the server speaks plain "
+                  "HTTP)"}));
+    EXPECT_TRUE(parse({"--auth-file", "users", "--auth-cpu-per-client", "2", "--tls-cert", "c",
+                       "--tls-key", "k", "--tls-handshakes-per-client", "9"})
+                    .warnings.empty());
 
     EXPECT_EQ(failure({"--max-body", "10XB"}),
               "--max-body 10XB: 10XB has an unknown unit: expected a number of bytes, optionally "
