@@ -461,10 +461,10 @@ async def big_uploads(ctx, row):
     await still_serving(ctx, row, server)
 
 
-async def hog(server, source, size, seconds):
-    """Announces an upload of size bytes and sends 2 KiB of it a second, above the minimum
-    rate: it holds its share of the memory budget until the server takes it back. Returns the
-    answer it got, or "open"."""
+async def hog(server, source, size, seconds, rate=2048):
+    """Announces an upload of size bytes and sends rate bytes of it a second (by default 2 KiB,
+    above the minimum rate): it holds its share of the memory budget until the server takes
+    it back. Returns the answer it got, or "open"."""
     try:
         connection = await Connection.open(server.port, source)
     except (OSError, TimeoutError):
@@ -473,7 +473,7 @@ async def hog(server, source, size, seconds):
     async def send():
         await connection.send(request_head(server.port, size) + part_head(b"hog.bin"))
         for _ in range(seconds):
-            await connection.send(BLOCK[:2048])
+            await connection.send(BLOCK[:rate])
             await asyncio.sleep(1)
 
     sender = asyncio.create_task(send())
@@ -514,6 +514,34 @@ async def memory_hogs(ctx, row):
     row.notes.append("wanted upload: %s in %.1f s" % (" then ".join(tries), took))
     row.check(tries[-1] == "200" and answer.whole, "the wanted upload never got in: %s" % tries)
     row.check_peak(form.big_budget_mib + 64)
+    await still_serving(ctx, row, server)
+
+
+async def memory_share(ctx, row):
+    """One address announces bodies that would take the whole budget, and sends them at a pace
+    that would finish them within minutes, so no eviction takes them back: only what its
+    share holds is let in, and another client's upload gets in at once."""
+    budget_mib, size = 96, 8 * MIB
+    server = ctx.start("--max-memory", "%dM" % budget_mib, "--max-memory-per-client", "40M")
+    count = budget_mib * MIB // (2 * size)
+    with row.measure(server):
+        hogs = [asyncio.create_task(hog(server, ATTACK_SOURCES[0], size, 8, rate=64 * 1024))
+                for _ in range(count)]
+        await asyncio.sleep(2)
+        wanted = await upload_large(server, "wanted.bin", size)
+        row.good = await good_upload(ctx, server)
+        await finish(*hogs)
+    held = [task.result() for task in hogs if not task.cancelled() and task.exception() is None]
+    for answer in held:
+        row.record(answer)
+    row.notes.append("another client's %d MiB upload: %s" % (size // MIB, wanted.label))
+    row.check(wanted.label == "200" and wanted.whole,
+              "another client's upload got %s" % wanted.label)
+    # 40 MiB holds two bodies of 8 MiB and their copies, not three.
+    refused = sum(answer.label == "503" for answer in held)
+    row.check(refused == count - 2, "%d of %d refused, not %d" % (refused, count, count - 2))
+    row.check("client's memory share" in server.logged(), "no log line names the share")
+    row.check_good(row.good)
     await still_serving(ctx, row, server)
 
 
@@ -879,6 +907,8 @@ def rows_of(form):
          "200 whole or early 503+RA, RSS<=%dM" % (f.big_budget_mib + 64), big_uploads),
         ("1b", "memory held by trickling bodies", "wanted upload 200 after 503, RSS<=%dM"
          % (f.big_budget_mib + 64), memory_hogs),
+        ("1c", "one address holding memory", "another's upload 200 at once; its extra 503+RA",
+         memory_share),
         ("2", "file name of %d MiB" % f.name_mib, "4xx, RSS<=3xbody+64M", long_name),
         ("3", "chunked body past budget", "early 413, RSS<=128M", chunked_growth),
         ("4", "%d idle connections" % f.flood_count, flood,

@@ -283,6 +283,16 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
             target = bytes;
         };
     };
+    // A size with a default computed later: set only when given, and never 0.
+    const auto someBytes = [](std::optional<std::uint64_t>& target) {
+        return [&target](const std::string& value) {
+            const std::uint64_t bytes = parseSize(value);
+            if (bytes == 0) {
+                throw std::invalid_argument("expected more than 0 bytes");
+            }
+            target = bytes;
+        };
+    };
     const auto count = [](auto& target, std::uint64_t least, std::uint64_t most) {
         return [&target, least, most](const std::string& value) {
             target = static_cast<std::remove_reference_t<decltype(target)>>(
@@ -348,13 +358,13 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "all (default: half of the machine's memory, or of the control group's limit when "
            "lower); an upload that does not fit now gets 503 with Retry-After, one that never "
            "could gets 413",
-           [&config](const std::string& value) {
-               const std::uint64_t bytes = parseSize(value);
-               if (bytes == 0) {
-                   throw std::invalid_argument("expected more than 0 bytes");
-               }
-               config.maxMemory = bytes;
-           });
+           someBytes(config.maxMemory));
+    option("max-memory-per-client", "SIZE",
+           "memory that the uploads of one client address may hold at once, within "
+           "--max-memory (default: a quarter of it, or what one body of --max-body needs when "
+           "more); past it, an upload gets 503 with Retry-After until the client's others are "
+           "done",
+           someBytes(config.maxMemoryPerClient));
     option("keep-body-memory", "SIZE",
            "memory of finished request bodies and their parts (each of 1M or more) kept for "
            "later uploads, within --max-memory, freed after a minute unused (default 1G; 0 "

@@ -28,13 +28,14 @@ struct Configuration {
     // CPU time password checks may take, in percent of one core: in all, and for one client.
     unsigned authCpu = 25;
     unsigned authCpuPerClient = 5;
-    std::optional<std::uint64_t> maxMemory;    // default: from the machine
-    std::optional<std::size_t> maxConnections; // default: from the descriptor limit
-    std::optional<std::uint64_t> minFree;      // default: from the filesystem's size
-    std::optional<std::uint64_t> minFreeFiles; // default: from the filesystem's size
-    std::string onConflict = "replace";        // replace, refuse or rename
-    std::string logFormat = "text";            // text or json
-    std::string tlsCertificate;                // both empty: plain HTTP
+    std::optional<std::uint64_t> maxMemory;          // default: from the machine
+    std::optional<std::uint64_t> maxMemoryPerClient; // default: from maxMemory and maxBody
+    std::optional<std::size_t> maxConnections;       // default: from the descriptor limit
+    std::optional<std::uint64_t> minFree;            // default: from the filesystem's size
+    std::optional<std::uint64_t> minFreeFiles;       // default: from the filesystem's size
+    std::string onConflict = "replace";              // replace, refuse or rename
+    std::string logFormat = "text";                  // text or json
+    std::string tlsCertificate;                      // both empty: plain HTTP
     std::string tlsKey;
     std::string configFile; // the file the settings came from, if any
     bool help = false;

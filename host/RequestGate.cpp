@@ -85,13 +85,15 @@ std::optional<std::string> normalizeOrigin(std::string_view text) {
 RequestGate::RequestGate(GateSettings gateSettings,
                          std::shared_ptr<const RequestDispatcher> requestDispatcher,
                          MemoryBudget* memoryBudget, BasicAuth* basicAuth,
-                         StatusEndpoints statusEndpoints, DiskReserve* diskReserve)
+                         StatusEndpoints statusEndpoints, DiskReserve* diskReserve,
+                         ClientShares* memoryShares)
     : settings(std::move(gateSettings))
     , dispatcher(std::move(requestDispatcher))
     , budget(memoryBudget)
     , auth(basicAuth)
     , endpoints(std::move(statusEndpoints))
-    , disk(diskReserve) {
+    , disk(diskReserve)
+    , shares(memoryShares) {
     for (std::string& origin : settings.allowedOrigins) {
         origin = normalizeOrigin(origin).value_or(lower(origin));
     }
@@ -102,9 +104,10 @@ std::uint64_t RequestGate::largestBody() const noexcept {
     if (budget == nullptr) {
         return settings.maxBody;
     }
-    // The largest length that chargeFor keeps within the budget's limit.
-    const std::uint64_t fits =
-        budget->limit() < requestOverhead ? 0 : (budget->limit() - requestOverhead) / 2;
+    // The largest length that chargeFor keeps within the budget's limit and a client's share.
+    const std::uint64_t most =
+        shares != nullptr ? std::min(budget->limit(), shares->share()) : budget->limit();
+    const std::uint64_t fits = most < requestOverhead ? 0 : (most - requestOverhead) / 2;
     return std::min(settings.maxBody, fits);
 }
 
@@ -206,7 +209,7 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
         // for memory, and takes no memory while it is told so.
         std::optional<Reply> refusal = diskRefusal(*contentLength, verdict);
         if (!refusal) {
-            refusal = memoryRefusal(*contentLength, verdict);
+            refusal = memoryRefusal(*contentLength, verdict, client);
         }
         if (refusal) {
             verdict.reply = std::move(*refusal);
@@ -215,6 +218,9 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
     } else {
         if (budget != nullptr) {
             verdict.charge = budget->empty();
+            if (shares != nullptr && !client.empty()) {
+                verdict.share = std::move(*shares->take(client, 0));
+            }
         }
         if (disk != nullptr) {
             verdict.disk = disk->empty();
@@ -317,7 +323,8 @@ std::optional<Reply> RequestGate::crossSiteRefusal(const Head& head) const {
                       echo(head[http::field::host]) + ")");
 }
 
-std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& verdict) const {
+std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& verdict,
+                                                std::string_view client) const {
     if (budget == nullptr) {
         return std::nullopt;
     }
@@ -330,6 +337,31 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
                           std::to_string(needed) + " of a budget of " +
                           std::to_string(budget->limit()));
     }
+    // The client's share first: a client past it waits for its own uploads, and takes nothing
+    // from the others meanwhile.
+    std::optional<ClientShares::Hold> share;
+    if (shares != nullptr && !client.empty()) {
+        if (needed > shares->share()) {
+            return refuse(413,
+                          "Payload Too Large: a body of " + std::to_string(length) +
+                              " bytes needs more memory than one client may use",
+                          "body of " + std::to_string(length) + " bytes needs " +
+                              std::to_string(needed) + " of a client's share of " +
+                              std::to_string(shares->share()));
+        }
+        share = shares->take(client, needed);
+        if (!share) {
+            Reply reply = refuse(
+                503,
+                "Service Unavailable: uploads of this client under way hold all the memory one "
+                "client may use; retry once they are done",
+                "client's memory share: " + std::to_string(shares->held(client)) + " of " +
+                    std::to_string(shares->share()) + " held, " + std::to_string(needed) +
+                    " needed");
+            reply.headers.emplace_back("Retry-After", "5");
+            return reply;
+        }
+    }
     std::optional<MemoryBudget::Reservation> charge = budget->reserve(needed);
     if (!charge) {
         Reply reply = refuse(503, "Service Unavailable: not enough memory for this body now; retry",
@@ -341,6 +373,9 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
         return reply;
     }
     verdict.charge = std::move(*charge);
+    if (share) {
+        verdict.share = std::move(*share);
+    }
     return std::nullopt;
 }
 
@@ -373,6 +408,10 @@ std::optional<Reply> RequestGate::diskRefusal(std::uint64_t length, Verdict& ver
     return std::nullopt;
 }
 
+std::uint64_t RequestGate::defaultClientShare(std::uint64_t memoryLimit, std::uint64_t maxBody) {
+    return std::max(memoryLimit / 4, std::min(memoryLimit, chargeFor(maxBody)));
+}
+
 std::uint64_t RequestGate::chargeFor(std::uint64_t bodyCapacity) {
     return 2 * bodyCapacity + requestOverhead;
 }
@@ -390,6 +429,11 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
         return refuseAndClose(
             413, "Payload Too Large: the body no longer fits in the memory of this server",
             "body without a length grew past the memory budget");
+    }
+    if (ec == boost::system::errc::value_too_large) {
+        return refuseAndClose(
+            413, "Payload Too Large: the body no longer fits in the memory one client may use",
+            "body without a length grew past the client's memory share");
     }
     if (ec == boost::system::errc::no_space_on_device) {
         return refuseAndClose(507, diskFullText,
@@ -437,7 +481,14 @@ std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view 
         const std::size_t capacity = std::max(2 * body.getCapacity(), needed);
         const std::uint64_t due = chargeFor(capacity);
         const std::uint64_t charged = charge.bytes();
+        ClientShares::Hold& share = verdict.share;
+        const std::uint64_t shared = share.amount();
+        if (share.counted() && due > shared && !share.grow(due - shared)) {
+            ec = boost::system::errc::make_error_code(boost::system::errc::value_too_large);
+            return 0;
+        }
         if (budget != nullptr && due > charged && !charge.grow(due - charged)) {
+            share.shrink(share.amount() - shared);
             ec = boost::system::errc::make_error_code(boost::system::errc::file_too_large);
             return 0;
         }
@@ -447,6 +498,7 @@ std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view 
                                       files > held.files ? files - held.files : 0};
         if ((more.bytes > 0 || more.files > 0) && !verdict.disk.grow(more)) {
             charge.shrink(charge.bytes() - charged);
+            share.shrink(share.amount() - shared);
             ec = boost::system::errc::make_error_code(boost::system::errc::no_space_on_device);
             return 0;
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/DataBuffer.h"
+#include "host/ClientShares.h"
 #include "host/DiskReserve.h"
 #include "host/MemoryBudget.h"
 #include "host/RequestDispatcher.h"
@@ -65,6 +66,9 @@ struct Verdict {
     // Memory held for the body and the copy the module makes of its part, from the budget;
     // a body without a length starts with none and is charged as it grows.
     MemoryBudget::Reservation charge;
+    // The part of the client's own share of memory that the request holds until it is done:
+    // what charge was at the start, or as a body without a length grew.
+    ClientShares::Hold share;
     // The disk space the body's files may take, claimed from the reserve kept free; a body
     // without a length claims as it grows.
     DiskReserve::Claim disk;
@@ -97,10 +101,11 @@ public:
     static constexpr std::uint64_t requestOverhead = 64 * 1024;
 
     // auth may be null: no authentication. budget may be null: no memory bound. disk may be
-    // null: no space is kept free.
+    // null: no space is kept free. memoryShares, the memory one client's requests may hold at
+    // once, may be null: a client may hold all of the budget.
     RequestGate(GateSettings settings, std::shared_ptr<const RequestDispatcher> dispatcher,
                 MemoryBudget* budget, BasicAuth* auth, StatusEndpoints endpoints = {},
-                DiskReserve* disk = nullptr);
+                DiskReserve* disk = nullptr, ClientShares* memoryShares = nullptr);
 
     static constexpr std::string_view healthPath = "/healthz";
     static constexpr std::string_view metricsPath = "/metrics";
@@ -108,14 +113,18 @@ public:
     // Wrong or throttled credentials are answered this late.
     static constexpr std::chrono::milliseconds refusalDelay{1000};
 
-    // contentLength is the parser's reading of the head's framing fields; client the address
-    // the request came from.
+    // contentLength is the parser's reading of the head's framing fields; client the key of
+    // the client's shares (empty: unknown, held to no share).
     [[nodiscard]] Verdict decide(const Head& head, boost::optional<std::uint64_t> contentLength,
                                  std::string_view client = {}) const;
 
     // What a body of this capacity costs the budget: itself, the copy the module makes of its
     // part (at most the body), and the request's overhead.
     static std::uint64_t chargeFor(std::uint64_t bodyCapacity);
+    // The memory one client's requests may hold when the operator does not say: a quarter of
+    // the budget, or what one body of the largest size needs when that is more (and fits), so
+    // that a client can always send one upload as large as the server takes.
+    static std::uint64_t defaultClientShare(std::uint64_t memoryLimit, std::uint64_t maxBody);
 
     // The answer to a failed read, or nothing when nobody is left to answer (the client closed
     // or reset the connection). Every answer here closes the connection: after a framing error
@@ -129,8 +138,8 @@ public:
     // and disk claims for the room the body grows by: such a body was admitted with nothing
     // and must earn every byte. Returns the bytes taken, as the parser's chunk callback does;
     // on failure none, the body and the claims as they were, and ec a failure that onReadError
-    // answers (413 once the body no longer fits the budget, 503 when memory runs out, 507 when
-    // the disk could not take it and keep its reserve).
+    // answers (413 once the body no longer fits the budget or the client's share of it, 503
+    // when memory runs out, 507 when the disk could not take it and keep its reserve).
     std::size_t appendChunk(common::DataBuffer& body, std::string_view piece, Verdict& verdict,
                             boost::beast::error_code& ec) const;
 
@@ -150,16 +159,17 @@ public:
     // method is no refusal, and an unhealthy /healthz answers its question rather than refusing.
     static bool isRefusal(std::string_view route, unsigned status) noexcept;
 
-    // The largest body an upload may have: the body limit, or less when the memory budget
-    // could never hold the body and its copy. The demo page is rendered with it, so a file over
-    // it is refused before any byte is sent.
+    // The largest body an upload may have: the body limit, or less when the memory budget, or
+    // one client's share of it, could never hold the body and its copy. The demo page is rendered
+    // with it, so a file over it is refused before any byte is sent.
     [[nodiscard]] std::uint64_t largestBody() const noexcept;
 
     const GateSettings& getSettings() const noexcept { return settings; }
 
 private:
     std::optional<Reply> crossSiteRefusal(const Head& head) const;
-    std::optional<Reply> memoryRefusal(std::uint64_t length, Verdict& verdict) const;
+    std::optional<Reply> memoryRefusal(std::uint64_t length, Verdict& verdict,
+                                       std::string_view client) const;
     std::optional<Reply> diskRefusal(std::uint64_t length, Verdict& verdict) const;
     std::optional<Reply> statusEndpoint(const Head& head, std::string_view path,
                                         bool authenticated) const;
@@ -170,6 +180,7 @@ private:
     BasicAuth* auth;
     StatusEndpoints endpoints;
     DiskReserve* disk;
+    ClientShares* shares;
     std::string demoPage;
 };
 

@@ -4,6 +4,7 @@
 #include "host/BlockHandOver.h"
 #include "host/BodyBufferPool.h"
 #include "host/ClientKey.h"
+#include "host/ClientShares.h"
 #include "host/ConnectionTable.h"
 #include "host/DataBufferBody.h"
 #include "host/DiscardBody.h"
@@ -205,12 +206,15 @@ struct Shared {
         : options(serverOptions)
         , parts(std::move(serverParts))
         , budget(serverOptions.maxMemory)
+        , memoryShares(serverOptions.maxMemoryPerClient > 0 ? serverOptions.maxMemoryPerClient
+                                                            : serverOptions.maxMemory)
         , bodies(serverOptions.keptBodyBytes, BodyBufferPool::defaultSmallest, &budget)
         , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
                             serverOptions.discardRoute, serverOptions.headerTimeout,
                             serverOptions.minBodyRate, serverOptions.idleTimeout,
                             serverOptions.maxFiles},
-               parts.dispatcher, &budget, parts.auth.get(), endpoints(), parts.disk.get())
+               parts.dispatcher, &budget, parts.auth.get(), endpoints(), parts.disk.get(),
+               &memoryShares)
         , table(ConnectionTable::Limits{serverOptions.maxConnections,
                                         serverOptions.maxConnectionsPerClient,
                                         serverOptions.minBodyRate})
@@ -298,6 +302,7 @@ struct Shared {
     ServerOptions options;
     ServerParts parts;
     MemoryBudget budget;
+    ClientShares memoryShares; // of the budget, held by each client key's requests
     BodyBufferPool bodies;
     RequestGate gate;
     ConnectionTable table;
@@ -862,8 +867,9 @@ private:
         // The guard keeps the IO threads running until the reply has been handed back.
         auto call = [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
                      destination = verdict.destination, boundary = std::move(verdict.boundary),
-                     charge = std::move(verdict.charge), disk = std::move(verdict.disk),
-                     partBlock = std::move(partBlock), body = std::move(request.body())]() mutable {
+                     charge = std::move(verdict.charge), share = std::move(verdict.share),
+                     disk = std::move(verdict.disk), partBlock = std::move(partBlock),
+                     body = std::move(request.body())]() mutable {
             Shared& state = *self->shared;
             const std::size_t bodyBytes = body.getSize();
             const auto started = Clock::now();
@@ -913,6 +919,7 @@ private:
             state.bodies.give(std::move(returned), &charge);
             state.bodies.give(std::move(largestPart), &charge);
             charge.release();
+            share.release();
             state.inService.fetch_sub(1);
             state.trimDue.store(true);
             // Queued behind whatever else this IO thread has ready, never sent straight from

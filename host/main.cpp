@@ -222,6 +222,10 @@ int serve(kestrin::host::Configuration arguments) {
     }
     options.maxMemory =
         arguments.maxMemory.value_or(host::defaultMemoryBudget().value_or(std::uint64_t{4} << 30));
+    options.maxMemoryPerClient =
+        std::min(options.maxMemory,
+                 arguments.maxMemoryPerClient.value_or(
+                     host::RequestGate::defaultClientShare(options.maxMemory, options.maxBody)));
     std::shared_ptr<host::BasicAuth> auth;
     std::function<std::string()> reloadUsers;
     if (!arguments.authFile.empty()) {
@@ -287,7 +291,8 @@ int serve(kestrin::host::Configuration arguments) {
         say(host::LogLevel::info,
             "storing uploads in " + fileService->getDirectory() + " as instance " +
                 fileService->instanceId() + " (on conflict: " + arguments.onConflict +
-                "); memory " + mebibytes(options.maxMemory) + ", bodies up to " +
+                "); memory " + mebibytes(options.maxMemory) + " (" +
+                mebibytes(options.maxMemoryPerClient) + " per client), bodies up to " +
                 mebibytes(options.maxBody) + ", " + std::to_string(options.maxConnections) +
                 " connections (" + std::to_string(options.maxConnectionsPerClient) +
                 " per client), " + std::to_string(options.maxFiles) + " files a request, " +

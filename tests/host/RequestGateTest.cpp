@@ -237,6 +237,67 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
               "Payload Too Large: the body no longer fits in the memory of this server\n");
 }
 
+// A client sending many uploads at once waits for its own once they hold its share of the
+// memory, while the others go on; a body its share could never hold is told so.
+TEST(RequestGate, oneClientsUploadsHoldNoMoreThanItsShareOfTheMemory) {
+    const std::uint64_t length = 1000;
+    const std::uint64_t needed = RequestGate::chargeFor(length);
+    MemoryBudget budget(4 * needed);
+    ClientShares shares(2 * needed);
+    const RequestGate gate(GateSettings{}, uploadDispatcher(), &budget, nullptr, {}, nullptr,
+                           &shares);
+    const auto upload = [&](const std::string& client, const std::string& fields) {
+        Head head("POST /users HTTP/1.1\r\nHost: 127.0.0.1:8080\r\n" + fields + "\r\n");
+        return gate.decide(head.parser.get(), head.parser.content_length(), client);
+    };
+    const std::string announced = "Content-Length: " + std::to_string(length) + "\r\n";
+
+    Verdict first = upload("10.0.0.1", announced);
+    EXPECT_EQ(upload("10.0.0.1", announced).kind, Kind::service); // ends at once
+    const Verdict second = upload("10.0.0.1", announced);
+    EXPECT_EQ(second.kind, Kind::service);
+    const Verdict third = upload("10.0.0.1", announced);
+    EXPECT_EQ(third.reply.status, 503u);
+    EXPECT_EQ(header(third.reply, "Retry-After"), "5");
+    EXPECT_EQ(third.reply.detail, "client's memory share: " + std::to_string(2 * needed) + " of " +
+                                      std::to_string(2 * needed) + " held, " +
+                                      std::to_string(needed) + " needed");
+    // The budget has room: no other client's body is made to yield for this one.
+    EXPECT_FALSE(third.waitsForMemory);
+    EXPECT_EQ(budget.used(), 2 * needed);
+    Verdict other = upload("10.0.0.2", announced);
+    EXPECT_EQ(other.kind, Kind::service);
+    first = Verdict();
+    EXPECT_EQ(upload("10.0.0.1", announced).kind, Kind::service);
+
+    // Past the share by itself: not worth a retry.
+    EXPECT_EQ(gate.largestBody(), (shares.share() - RequestGate::requestOverhead) / 2);
+    const Verdict never =
+        upload("10.0.0.3", "Content-Length: " + std::to_string(gate.largestBody() + 1) + "\r\n");
+    EXPECT_EQ(never.reply.status, 413u);
+    EXPECT_EQ(text(never.reply), "Payload Too Large: a body of " +
+                                     std::to_string(gate.largestBody() + 1) +
+                                     " bytes needs more memory than one client may use\n");
+
+    // A body without a length earns its share as it grows, and stops at it.
+    other = Verdict();
+    Verdict chunked = upload("10.0.0.2", "Transfer-Encoding: chunked\r\n");
+    common::DataBuffer body;
+    beast::error_code ec;
+    ASSERT_EQ(gate.appendChunk(body, std::string(2 * length, 'x'), chunked, ec), 2 * length);
+    EXPECT_EQ(chunked.share.amount(), chunked.charge.bytes());
+    const std::uint64_t held = shares.held("10.0.0.2");
+    const std::uint64_t used = budget.used();
+    EXPECT_EQ(gate.appendChunk(body, std::string(gate.largestBody(), 'y'), chunked, ec), 0u);
+    EXPECT_EQ(shares.held("10.0.0.2"), held);
+    EXPECT_EQ(budget.used(), used);
+    const std::optional<Reply> answer = gate.onReadError(ec, RequestGate::Stage::body);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 413u);
+    EXPECT_EQ(text(*answer),
+              "Payload Too Large: the body no longer fits in the memory one client may use\n");
+}
+
 TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBody) {
     DiskReserve::Space free{10'000, 1'000};
     DiskReserve disk({2'000, 100}, [&free] { return std::optional<DiskReserve::Space>(free); });

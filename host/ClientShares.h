@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+namespace kestrin::host {
+
+// How much of a resource each client holds at once, each within the same share: a client
+// whose requests hold their share waits for them before it gets more, however many it sends
+// at once, while the others go on. A hold is taken before the resource itself and gives its
+// amount back when it ends. A client is remembered only while it holds something, so the
+// table is as large as the requests under way. No IO; safe on any thread, a hold belonging to
+// one owner at a time.
+class ClientShares {
+public:
+    class Hold;
+
+    explicit ClientShares(std::uint64_t share);
+    ClientShares(const ClientShares&) = delete;
+    ClientShares& operator=(const ClientShares&) = delete;
+
+    // A hold of amount for client, or nothing when it would take client past its share.
+    [[nodiscard]] std::optional<Hold> take(std::string_view client, std::uint64_t amount);
+
+    std::uint64_t share() const noexcept { return limit; }
+    // What client's holds come to now.
+    std::uint64_t held(std::string_view client) const;
+    // Clients holding something now.
+    std::size_t clients() const;
+
+private:
+    bool add(const std::string& client, std::uint64_t amount);
+    void remove(const std::string& client, std::uint64_t amount) noexcept;
+
+    const std::uint64_t limit;
+    mutable std::mutex mutex;
+    std::unordered_map<std::string, std::uint64_t> holds;
+};
+
+// Part of one client's share; what it holds goes back when it ends. A default-made hold
+// belongs to nobody and holds nothing.
+class ClientShares::Hold {
+public:
+    Hold() noexcept = default;
+    Hold(Hold&& other) noexcept;
+    Hold& operator=(Hold&& other) noexcept;
+    ~Hold() { release(); }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+
+    std::uint64_t amount() const noexcept { return held; }
+    // Whether it belongs to a client's share (and so may grow).
+    bool counted() const noexcept { return shares != nullptr; }
+    // Takes more of the client's share if it fits; false, holding what it held, if not.
+    // Always false for a hold of nobody.
+    [[nodiscard]] bool grow(std::uint64_t more);
+    // Gives back less, or all it holds if that is less.
+    void shrink(std::uint64_t less) noexcept;
+    void release() noexcept { shrink(held); }
+
+private:
+    friend class ClientShares;
+    Hold(ClientShares* owner, std::string client, std::uint64_t amount) noexcept
+        : shares(owner)
+        , client(std::move(client))
+        , held(amount) {}
+
+    ClientShares* shares = nullptr;
+    std::string client;
+    std::uint64_t held = 0;
+};
+
+} // namespace kestrin::host
