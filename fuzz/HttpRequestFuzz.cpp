@@ -1,6 +1,7 @@
 // Raw client bytes through the server's request handling, in process: Beast's reads into a
 // request parser with the server's DataBuffer body type and limits, the request gate's verdicts
-// (framing, routing, origin, memory budget, read failures), the part header check while a body
+// (framing, routing, origin, memory budget and client shares, read failures), the client a
+// trusted proxy names in X-Forwarded-For, the part header check while a body
 // arrives, then the service call through the dispatcher into the real upload module. Every
 // reply must serialize into a well-formed response that says what the server meant to send, a
 // service call must never end in 500, a body the part check let through must never make the
@@ -21,6 +22,8 @@
 #include "file_upload/MultipartUploadServiceProvider.h"
 #include "framework/FileService.h"
 #include "framework/HttpServiceProvider.h"
+#include "host/ClientKey.h"
+#include "host/ClientShares.h"
 #include "host/DataBufferBody.h"
 #include "host/DiskReserve.h"
 #include "host/MemoryBudget.h"
@@ -274,7 +277,21 @@ bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t max
     }
     bool keepAlive = request.keep_alive();
     const bool expectsContinue = beast::iequals(request[http::field::expect], "100-continue");
-    verdict = gate.decide(request, parser.content_length());
+    // The peer is a trusted proxy; whatever it forwards, a peer that is none names itself.
+    static const kestrin::host::TrustedProxies proxies = [] {
+        kestrin::host::TrustedProxies trusted;
+        trusted.add("10.0.0.0/8");
+        trusted.add("2001:db8::/32");
+        return trusted;
+    }();
+    const std::string hops = kestrin::host::forwardedFor(request);
+    const auto stranger = boost::asio::ip::make_address("192.0.2.1");
+    if (kestrin::host::forwardedClient(stranger, hops, proxies) != stranger) {
+        fail("a peer that is no proxy was taken for another client", hops);
+    }
+    const auto origin =
+        kestrin::host::forwardedClient(boost::asio::ip::make_address("10.0.0.1"), hops, proxies);
+    verdict = gate.decide(request, parser.content_length(), kestrin::host::clientKey(origin));
     switch (verdict.kind) {
     case Verdict::Kind::answer:
         return sendReply(std::move(verdict.reply), version, keepAlive, parser.is_done());
@@ -338,8 +355,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The bounded runs bound the disk too: little room, so that claims are refused and grow.
     std::optional<kestrin::host::MemoryBudget> budget;
     std::optional<kestrin::host::DiskReserve> disk;
+    std::optional<kestrin::host::ClientShares> shares;
     if ((data[1] & 0x80) != 0) {
         budget.emplace(smallBudget);
+        // A little less than the pool, so that some bodies fit the pool but not the share.
+        shares.emplace(smallBudget - 1024);
         disk.emplace(kestrin::host::DiskReserve::Space{8 * 1024, 8}, [] {
             return std::optional<kestrin::host::DiskReserve::Space>({smallBudget / 2, 64});
         });
@@ -347,7 +367,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     kestrin::host::GateSettings settings;
     settings.maxBody = maxBody;
     const RequestGate gate(settings, services.dispatcher, budget ? &*budget : nullptr, nullptr, {},
-                           disk ? &*disk : nullptr);
+                           disk ? &*disk : nullptr, shares ? &*shares : nullptr);
     ClientBytes client(std::string_view(reinterpret_cast<const char*>(data + 2), size - 2), chunk);
     // Bounded as the server's is, so no framing can make it grow without end.
     beast::flat_buffer buffer(64 * 1024 + headerLimit);
@@ -355,6 +375,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // Every request gives its memory back, whatever its end.
         if (budget && budget->used() != 0) {
             fail("memory still charged after a request: " + std::to_string(budget->used()), "");
+        }
+        if (shares && shares->clients() != 0) {
+            fail("a client's share still held after a request", "");
         }
         if (disk && (disk->promised().bytes != 0 || disk->promised().files != 0)) {
             fail("disk still claimed after a request: " + std::to_string(disk->promised().bytes) +

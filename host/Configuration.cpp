@@ -1,5 +1,6 @@
 #include "host/Configuration.h"
 
+#include "host/ClientKey.h"
 #include "host/RequestGate.h"
 
 #include <CLI/CLI.hpp>
@@ -452,6 +453,29 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
         ->delimiter(' ')
         ->envname("KESTRIN_ALLOW_ORIGIN")
         ->run_callback_for_default();
+    CLI::Option* proxies = app.add_option_function<std::vector<std::string>>(
+        "--trusted-proxy",
+        [&sources, &server](const std::vector<std::string>& values) {
+            TrustedProxies checked;
+            for (const std::string& network : values) {
+                try {
+                    checked.add(network);
+                } catch (const std::invalid_argument& error) {
+                    throw ConfigurationError(sources.describe("trusted-proxy", network) + ": " +
+                                             error.what());
+                }
+            }
+            server.trustedProxies = values;
+        },
+        "a load balancer or proxy (ADDRESS or ADDRESS/PREFIX) whose X-Forwarded-For header "
+        "names the client: the client's shares of memory and password checks, and the log, "
+        "count the client it names; repeatable (in the environment: separated by spaces). "
+        "Connections and TLS handshakes still count by the proxy's address");
+    proxies->type_name("NETWORK")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->delimiter(' ')
+        ->envname("KESTRIN_TRUSTED_PROXY")
+        ->run_callback_for_default();
     option("auth-file", "FILE",
            "require HTTP Basic authentication against FILE's \"user:hash\" lines (yescrypt, "
            "bcrypt or sha512crypt hashes; make one with --hash-password); read again on SIGHUP",
@@ -522,7 +546,7 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
                                          " is not a setting (see --help for the options)");
             }
             try {
-                if (target == origins) {
+                if (target == origins || target == proxies) {
                     target->default_val(CLI::detail::join(item.inputs, " "));
                 } else if (item.inputs.size() == 1) {
                     target->default_val(item.inputs.front());

@@ -229,6 +229,9 @@ struct Shared {
         , drainTimer(control)
         , reportTimer(control)
         , stopDelayTimer(control) {
+        for (const std::string& network : serverOptions.trustedProxies) {
+            proxies.add(network);
+        }
         // Kept bodies are a cache: they give way to a request that needs their memory.
         budget.setReclaimer([this](std::uint64_t needed) { bodies.reclaim(needed); });
         if (secure) {
@@ -308,6 +311,7 @@ struct Shared {
     ConnectionTable table;
     EventLog events;
     RateBudget handshakes; // one unit per TLS connection
+    TrustedProxies proxies;
     Metrics metrics;
     const bool secure = !options.tlsCertificate.empty(); // serving HTTPS
     net::thread_pool services;
@@ -526,6 +530,8 @@ private:
         directRead = 0;
         partMemoryUnused();
         verdict = Verdict();
+        origin.clear();
+        originShares.clear();
         partCheck.reset();
         discardParser.reset();
         parser.emplace();
@@ -590,7 +596,8 @@ private:
         countStart();
 
         const bool expectsContinue = beast::iequals(request[http::field::expect], "100-continue");
-        verdict = shared->gate.decide(request, parser->content_length(), shares);
+        findOrigin(request);
+        verdict = shared->gate.decide(request, parser->content_length(), originShares);
         switch (verdict.kind) {
         case Verdict::Kind::answer:
             if (verdict.waitsForMemory) {
@@ -1152,6 +1159,25 @@ private:
         return result;
     }
 
+    // Behind a trusted proxy a request is the client's the proxy names: that client's shares
+    // and log lines count it, not the proxy's.
+    void findOrigin(const http::request_header<>& head) {
+        origin = client;
+        originShares = shares;
+        if (shared->proxies.empty()) {
+            return;
+        }
+        const std::string hops = forwardedFor(head);
+        boost::system::error_code ec;
+        const net::ip::address peer = net::ip::make_address(client, ec);
+        if (ec || hops.empty()) {
+            return;
+        }
+        const net::ip::address named = forwardedClient(peer, hops, shared->proxies);
+        origin = named.to_string();
+        originShares = clientKey(named);
+    }
+
     void logRequest(const Reply& reply) {
         if (reply.status >= 400 && !shared->events.mayLogRefusal()) {
             shared->events.count(EventLog::refusalNotLogged);
@@ -1163,7 +1189,7 @@ private:
                                        : reply.detail;
         RequestRecord record;
         record.time = std::chrono::system_clock::now();
-        record.client = client;
+        record.client = origin.empty() ? client : origin;
         record.method = method.empty() ? std::string_view("-") : std::string_view(method);
         record.target = target;
         record.status = reply.status;
@@ -1195,6 +1221,10 @@ private:
     const ConnectionTable::Id id;
     const std::string client; // the peer's address
     const std::string shares; // the key of the client's shares of the server's budgets
+    // The client the current request speaks for, and its key: the peer, or the client a
+    // trusted proxy names. Empty until the request's head is in.
+    std::string origin;
+    std::string originShares;
     net::steady_timer timer;
     net::steady_timer holdBack; // for answers the gate holds back
     Clock::time_point deadline = Clock::time_point::max();

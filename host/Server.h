@@ -52,6 +52,9 @@ struct ServerOptions {
     std::chrono::seconds stopDelay{0};
     std::size_t maxFiles = 1000; // files one request may store
     std::vector<std::string> allowedOrigins;
+    // Proxies (ADDRESS or ADDRESS/PREFIX, checked already) whose X-Forwarded-For names the client
+    // of a request: its shares of memory and password checks, and the log, count that client.
+    std::vector<std::string> trustedProxies;
     // Storage of request bodies and of the parts cut out of them, kept for later requests
     // once its request is done, in bytes: a large upload then lands in memory whose pages
     // exist already. Room for one 256 MiB upload's body and part with some to spare. Storage

@@ -271,6 +271,35 @@ class LogTest(OperationsTestCase):
                 self.assertIn(quoting[8:-2].decode(errors="replace"), records[6]["reason"])
 
 
+class ProxyTest(OperationsTestCase):
+    def test_a_trusted_proxy_names_the_client_whose_share_and_log_line_a_request_is(self):
+        # One body of 100,000 bytes and its copy fill a client's share. The first is held open
+        # once admitted: a go-ahead comes only after every check of its head.
+        server = self.start("--trusted-proxy", "127.0.0.1", "--max-memory-per-client", "300K")
+        body = body_of_size(100_000)
+        held = server.connect()
+        self.addCleanup(held.close)
+        held.sendall(b"POST /users HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
+                     b"Content-Length: %d\r\nExpect: 100-continue\r\n"
+                     b"Content-Type: multipart/form-data; boundary=%s\r\n"
+                     b"X-Forwarded-For: 203.0.113.9, 198.51.100.1\r\n\r\n" % (len(body), BOUNDARY))
+        self.assertTrue(held.recv(1024).startswith(b"HTTP/1.1 100 Continue\r\n"))
+        self.assertEqual(upload(server, body=body,
+                                headers=b"X-Forwarded-For: 198.51.100.1\r\n")[0], 503)
+        # Another client behind the proxy has a share of its own; a peer that is no proxy is
+        # itself, whatever it forwards.
+        self.assertEqual(upload(server, body=body, headers=b"X-Forwarded-For: 198.51.100.2, "
+                                b"unknown, 198.51.100.3\r\n")[0], 200)
+        self.assertEqual(upload(server, body=body, source="127.0.0.2",
+                                headers=b"X-Forwarded-For: 198.51.100.1\r\n")[0], 200)
+        held.sendall(body)
+        self.assertEqual(serverlib.read_response(held)[0], 200)
+        self.assertEqual(server.stop(), 0)
+        clients = [match.group("client") for match in map(TEXT_LINE.fullmatch,
+                                                           server.logged().splitlines()) if match]
+        self.assertEqual(clients, ["198.51.100.1", "198.51.100.3", "127.0.0.2", "198.51.100.1"])
+
+
 class HealthTest(OperationsTestCase):
     def test_health_follows_the_upload_directory_and_head_answers_like_get(self):
         server = self.start()
