@@ -296,6 +296,20 @@ TEST(RequestGate, oneClientsUploadsHoldNoMoreThanItsShareOfTheMemory) {
     EXPECT_EQ(answer->status, 413u);
     EXPECT_EQ(text(*answer),
               "Payload Too Large: the body no longer fits in the memory one client may use\n");
+
+    // Where the pool runs out before the share, the share goes back to what it held too.
+    const std::optional<MemoryBudget::Reservation> rest =
+        budget.reserve(budget.limit() - budget.used());
+    ASSERT_TRUE(rest);
+    Verdict starved = upload("10.0.0.4", "Transfer-Encoding: chunked\r\n");
+    common::DataBuffer starvedBody;
+    EXPECT_EQ(gate.appendChunk(starvedBody, std::string(length, 'z'), starved, ec), 0u);
+    EXPECT_EQ(shares.held("10.0.0.4"), 0u);
+
+    // By default: a quarter of the memory, or what one largest body needs, if that fits.
+    EXPECT_EQ(RequestGate::defaultClientShare(1000 * needed, length), 250 * needed);
+    EXPECT_EQ(RequestGate::defaultClientShare(2 * needed, length), needed);
+    EXPECT_EQ(RequestGate::defaultClientShare(needed / 2, length), needed / 2);
 }
 
 TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBody) {
