@@ -58,6 +58,7 @@ namespace http = beast::http;
 namespace net = boost::asio;
 using kestrin::common::DataBuffer;
 using kestrin::file_upload::v1::MultipartUploadService;
+using kestrin::host::Refusal;
 using kestrin::host::Reply;
 using kestrin::host::RequestDispatcher;
 using kestrin::host::RequestGate;
@@ -207,6 +208,13 @@ void expectWellFormed(const std::string& wire, unsigned status, unsigned version
     }
 }
 
+// The metrics count every refusal of the server's own under its reason.
+void expectReason(const Reply& reply, std::string_view route) {
+    if (RequestGate::isRefusal(route, reply.status) && reply.refusal == Refusal::none) {
+        fail("a refusal without a reason for the metrics (" + reply.detail + ")", "");
+    }
+}
+
 std::string bytesOf(const DataBuffer& buffer) {
     return buffer.bytes() == nullptr
                ? std::string()
@@ -271,6 +279,7 @@ bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t max
     const unsigned version = request.version() ? request.version() : 11;
     if (ec) {
         if (std::optional<Reply> reply = gate.onReadError(ec, Stage::head)) {
+            expectReason(*reply, "other");
             sendReply(std::move(*reply), version, false, false);
         }
         return false;
@@ -294,6 +303,7 @@ bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t max
     verdict = gate.decide(request, parser.content_length(), kestrin::host::clientKey(origin));
     switch (verdict.kind) {
     case Verdict::Kind::answer:
+        expectReason(verdict.reply, verdict.route);
         return sendReply(std::move(verdict.reply), version, keepAlive, parser.is_done());
     case Verdict::Kind::discard:
         fail("a discard verdict without a discard route", "");
@@ -312,6 +322,7 @@ bool serveOne(ClientBytes& client, beast::flat_buffer& buffer, std::uint64_t max
         http::read_some(client, buffer, parser, ec);
         if (ec) {
             if (std::optional<Reply> reply = gate.onReadError(ec, Stage::body)) {
+                expectReason(*reply, verdict.route);
                 sendReply(std::move(*reply), version, keepAlive, false);
             }
             return false;

@@ -22,7 +22,8 @@ struct Metrics::State {
     prometheus::Family<prometheus::Counter>& refusals =
         prometheus::BuildCounter()
             .Name("kestrin_refusals_total")
-            .Help("Requests and connections the server itself refused, by the status they got")
+            .Help("Requests and connections the server itself refused, by the status they got "
+                  "and the reason")
             .Register(registry);
     prometheus::Counter& received = prometheus::BuildCounter()
                                         .Name("kestrin_received_bytes_total")
@@ -104,11 +105,11 @@ void Metrics::requestStarted() {
 }
 
 void Metrics::requestFinished(std::string_view route, unsigned status, std::uint64_t bytesIn,
-                              std::chrono::microseconds duration, bool refusedByServer) {
+                              std::chrono::microseconds duration, std::string_view refusal) {
     state->inFlight.Decrement();
     state->requestsOf(route, status).Increment();
-    if (refusedByServer) {
-        state->refusals.Add({{"cause", std::to_string(status)}}).Increment();
+    if (!refusal.empty()) {
+        refused(status, refusal);
     }
     state->received.Increment(static_cast<double>(bytesIn));
     state->duration.Observe(std::chrono::duration<double>(duration).count());
@@ -119,8 +120,9 @@ void Metrics::requestAbandoned(std::uint64_t bytesIn) {
     state->received.Increment(static_cast<double>(bytesIn));
 }
 
-void Metrics::refused(unsigned cause) {
-    state->refusals.Add({{"cause", std::to_string(cause)}}).Increment();
+void Metrics::refused(unsigned cause, std::string_view reason) {
+    state->refusals.Add({{"cause", std::to_string(cause)}, {"reason", std::string(reason)}})
+        .Increment();
 }
 
 void Metrics::filesStored(std::uint64_t files, std::uint64_t bytes) {

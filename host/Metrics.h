@@ -18,13 +18,14 @@ public:
     Metrics(const Metrics&) = delete;
     Metrics& operator=(const Metrics&) = delete;
 
-    // A request began or ended its time in the server.
+    // A request began or ended its time in the server. refusal names why the server itself
+    // refused it ("memory_share"), and is empty when it did not.
     void requestStarted();
     void requestFinished(std::string_view route, unsigned status, std::uint64_t bytesIn,
-                         std::chrono::microseconds duration, bool refusedByServer);
+                         std::chrono::microseconds duration, std::string_view refusal);
     // A connection refused or closed before any request of its got an answer: full tables,
-    // timeouts of idle or half-sent heads. cause is the status it got, or would have.
-    void refused(unsigned cause);
+    // handshakes over their rate. cause is the status it got, or would have; reason, why.
+    void refused(unsigned cause, std::string_view reason);
     void filesStored(std::uint64_t files, std::uint64_t bytes);
     // A request that ended without an answer: the client left mid-body.
     void requestAbandoned(std::uint64_t bytesIn);

@@ -103,6 +103,48 @@ Reply RequestDispatcher::callService(http::HttpServiceProvider& provider, const 
     }
 }
 
+std::string_view refusalLabel(Refusal refusal) noexcept {
+    switch (refusal) {
+    case Refusal::none:
+        return "none";
+    case Refusal::malformed:
+        return "malformed";
+    case Refusal::transferCoding:
+        return "transfer_coding";
+    case Refusal::headTooLarge:
+        return "head_too_large";
+    case Refusal::headTimeout:
+        return "head_timeout";
+    case Refusal::bodyTimeout:
+        return "body_timeout";
+    case Refusal::evicted:
+        return "evicted";
+    case Refusal::credentials:
+        return "credentials";
+    case Refusal::passwordBudget:
+        return "password_budget";
+    case Refusal::crossSite:
+        return "cross_site";
+    case Refusal::bodyTooLarge:
+        return "body_too_large";
+    case Refusal::memory:
+        return "memory";
+    case Refusal::memoryShare:
+        return "memory_share";
+    case Refusal::disk:
+        return "disk";
+    case Refusal::partHeader:
+        return "part_header";
+    case Refusal::connections:
+        return "connections";
+    case Refusal::clientConnections:
+        return "client_connections";
+    case Refusal::tlsHandshakes:
+        return "tls_handshakes";
+    }
+    return "other";
+}
+
 Reply RequestDispatcher::plainText(unsigned status, std::string_view text, std::string detail) {
     common::DataBuffer body;
     body.append(reinterpret_cast<const uint8_t*>(text.data()), text.size());

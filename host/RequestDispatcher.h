@@ -15,9 +15,36 @@
 
 namespace kestrin::host {
 
+// Why the server itself refused a request or a connection: a closed set, so that the metrics
+// that count refusals by it keep a bounded number of series.
+enum class Refusal {
+    none,              // not a refusal of the server's own
+    malformed,         // bytes that are no HTTP, or a target that cannot be decoded
+    transferCoding,    // a transfer coding the server does not decode
+    headTooLarge,      // a request head over its limit
+    headTimeout,       // a head not complete in time
+    bodyTimeout,       // a body stalled or below the minimum rate
+    evicted,           // a slow request cut to make room for others
+    credentials,       // no credentials, or wrong ones
+    passwordBudget,    // password checks over their CPU share
+    crossSite,         // an upload from a page of another site
+    bodyTooLarge,      // a body over the body limit
+    memory,            // the memory budget, now or for any body that large
+    memoryShare,       // one client's share of the memory budget
+    disk,              // the space kept free on the upload directory's filesystem
+    partHeader,        // a part's header block over its limit
+    connections,       // the connection table full
+    clientConnections, // one client's connections at their limit
+    tlsHandshakes,     // TLS handshakes over their rate
+};
+
+// The refusal's name in metrics: "memory_share" and the like.
+std::string_view refusalLabel(Refusal refusal) noexcept;
+
 // What goes back to the client: status, Content-Type, further header fields and the body
-// bytes. detail says, for the log only, why a host error was sent; close, that the connection
-// ends after this answer whatever the request asked.
+// bytes. detail says, for the log only, why a host error was sent; refusal, for the metrics,
+// why the server refused, if it did; close, that the connection ends after this answer whatever
+// the request asked.
 struct Reply {
     unsigned status = 500;
     std::string contentType;
@@ -25,6 +52,7 @@ struct Reply {
     std::string detail;
     std::vector<std::pair<std::string, std::string>> headers;
     bool close = false;
+    Refusal refusal = Refusal::none;
 };
 
 // Plays the framework between the HTTP side and the services: decides from a request's

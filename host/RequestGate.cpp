@@ -54,12 +54,15 @@ std::string toString(boost::beast::string_view text) {
 constexpr const char* diskFullText =
     "Insufficient Storage: the server's disk is too full to take this upload; retry later";
 
-Reply refuse(unsigned status, std::string text, std::string reason) {
-    return RequestDispatcher::plainText(status, text, std::move(reason));
+// detail goes to the log, why to the metrics.
+Reply refuse(unsigned status, std::string text, std::string detail, Refusal why) {
+    Reply reply = RequestDispatcher::plainText(status, text, std::move(detail));
+    reply.refusal = why;
+    return reply;
 }
 
-Reply refuseAndClose(unsigned status, std::string text, std::string reason) {
-    Reply reply = refuse(status, std::move(text), std::move(reason));
+Reply refuseAndClose(unsigned status, std::string text, std::string detail, Refusal why) {
+    Reply reply = refuse(status, std::move(text), std::move(detail), why);
     reply.close = true;
     return reply;
 }
@@ -127,7 +130,7 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
         if (codings.size() != 1 || codings.front() != "chunked") {
             std::string listed = toString(head[http::field::transfer_encoding]);
             verdict.reply = refuse(501, "Not Implemented: transfer coding " + echo(listed),
-                                   "transfer coding " + echo(listed));
+                                   "transfer coding " + echo(listed), Refusal::transferCoding);
             verdict.reply.close = true;
             return verdict;
         }
@@ -153,7 +156,8 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
             verdict.reply = refuse(401, "Unauthorized: log in to upload",
                                    result.outcome == BasicAuth::Outcome::missing
                                        ? "no credentials"
-                                       : "wrong credentials for " + echo(result.user));
+                                       : "wrong credentials for " + echo(result.user),
+                                   Refusal::credentials);
             verdict.reply.headers.emplace_back("WWW-Authenticate",
                                                std::string(BasicAuth::challenge));
             // A browser's first request comes without credentials: no reason to wait.
@@ -163,7 +167,7 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
             return verdict;
         case BasicAuth::Outcome::throttled:
             verdict.reply = refuse(503, "Service Unavailable: too many login attempts; retry",
-                                   "password checks over their budget");
+                                   "password checks over their budget", Refusal::passwordBudget);
             verdict.reply.headers.emplace_back(
                 "Retry-After", std::to_string(std::max<long long>(1, result.retryAfter.count())));
             verdict.delay = refusalDelay;
@@ -174,8 +178,8 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
     const std::string target = toString(head.target());
     const std::optional<std::string> path = decodeTargetPath(target);
     if (!path) {
-        verdict.reply =
-            refuse(400, "Bad Request: malformed percent-escape in the request target", "");
+        verdict.reply = refuse(400, "Bad Request: malformed percent-escape in the request target",
+                               "", Refusal::malformed);
         return verdict;
     }
     if (!settings.discardRoute.empty() && *path == settings.discardRoute) {
@@ -268,7 +272,7 @@ std::optional<Reply> RequestGate::statusEndpoint(const Head& head, std::string_v
         return std::nullopt;
     }
     if (head.method() != http::verb::get && head.method() != http::verb::head) {
-        Reply reply = refuse(405, "Method Not Allowed", "");
+        Reply reply = refuse(405, "Method Not Allowed", "", Refusal::none);
         reply.headers.emplace_back("Allow", "GET, HEAD");
         return reply;
     }
@@ -279,9 +283,9 @@ std::optional<Reply> RequestGate::statusEndpoint(const Head& head, std::string_v
         reply.contentType = endpoints.metricsType;
         reply.body.append(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
     } else if (const std::optional<std::string> problem = endpoints.healthProblem()) {
-        reply = refuse(503, "unavailable: " + *problem, *problem);
+        reply = refuse(503, "unavailable: " + *problem, *problem, Refusal::none);
     } else {
-        reply = refuse(200, "ok", "");
+        reply = refuse(200, "ok", "", Refusal::none);
     }
     // Every answer is asked for afresh, never served from a cache.
     reply.headers.emplace_back("Cache-Control", "no-store");
@@ -301,7 +305,7 @@ std::optional<Reply> RequestGate::crossSiteRefusal(const Head& head) const {
     const auto shown = [&] { return origin != head.end() ? echo(origin->value()) : "none"; };
     if (boost::beast::iequals(head["Sec-Fetch-Site"], "cross-site")) {
         return refuse(403, "Forbidden: uploads from pages of other sites are refused",
-                      "cross-site request, Origin " + shown());
+                      "cross-site request, Origin " + shown(), Refusal::crossSite);
     }
     if (origin == head.end()) {
         // Browsers name the origin of every cross-origin POST; a client without one (curl, a
@@ -320,7 +324,8 @@ std::optional<Reply> RequestGate::crossSiteRefusal(const Head& head) const {
     }
     return refuse(403, "Forbidden: uploads from pages of other sites are refused",
                   "Origin " + shown() + " is not this server's (Host " +
-                      echo(head[http::field::host]) + ")");
+                      echo(head[http::field::host]) + ")",
+                  Refusal::crossSite);
 }
 
 std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& verdict,
@@ -335,7 +340,8 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
                           " bytes needs more memory than this server may use",
                       "body of " + std::to_string(length) + " bytes needs " +
                           std::to_string(needed) + " of a budget of " +
-                          std::to_string(budget->limit()));
+                          std::to_string(budget->limit()),
+                      Refusal::memory);
     }
     // The client's share first: a client past it waits for its own uploads, and takes nothing
     // from the others meanwhile.
@@ -347,7 +353,8 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
                               " bytes needs more memory than one client may use",
                           "body of " + std::to_string(length) + " bytes needs " +
                               std::to_string(needed) + " of a client's share of " +
-                              std::to_string(shares->share()));
+                              std::to_string(shares->share()),
+                          Refusal::memoryShare);
         }
         share = shares->take(client, needed);
         if (!share) {
@@ -357,7 +364,8 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
                 "client may use; retry once they are done",
                 "client's memory share: " + std::to_string(shares->held(client)) + " of " +
                     std::to_string(shares->share()) + " held, " + std::to_string(needed) +
-                    " needed");
+                    " needed",
+                Refusal::memoryShare);
             reply.headers.emplace_back("Retry-After", "5");
             return reply;
         }
@@ -367,7 +375,8 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
         Reply reply = refuse(503, "Service Unavailable: not enough memory for this body now; retry",
                              "memory budget: " + std::to_string(budget->used()) + " of " +
                                  std::to_string(budget->limit()) + " in use, " +
-                                 std::to_string(needed) + " needed");
+                                 std::to_string(needed) + " needed",
+                             Refusal::memory);
         reply.headers.emplace_back("Retry-After", "5");
         verdict.waitsForMemory = true;
         return reply;
@@ -389,7 +398,8 @@ Reply diskFull(const DiskReserve::Space& needed, const DiskReserve& disk,
     return refuse(507, diskFullText,
                   "disk: " + both(shortfall.free) + " free, " + both(shortfall.promised) +
                       " promised to uploads under way, " + both(needed) + " more needed, " +
-                      both(disk.keep()) + " kept free");
+                      both(disk.keep()) + " kept free",
+                  Refusal::disk);
 }
 
 } // namespace
@@ -420,29 +430,32 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
                                               Stage stage) const {
     if (ec == http::error::header_limit ||
         (stage == Stage::head && ec == http::error::buffer_overflow)) {
-        return refuseAndClose(431, "Request Header Fields Too Large", "request head over 16 KiB");
+        return refuseAndClose(431, "Request Header Fields Too Large", "request head over 16 KiB",
+                              Refusal::headTooLarge);
     }
     if (ec == http::error::body_limit || ec == http::error::buffer_overflow) {
-        return refuseAndClose(413, "Payload Too Large", "body over the body limit");
+        return refuseAndClose(413, "Payload Too Large", "body over the body limit",
+                              Refusal::bodyTooLarge);
     }
     if (ec == boost::system::errc::file_too_large) {
         return refuseAndClose(
             413, "Payload Too Large: the body no longer fits in the memory of this server",
-            "body without a length grew past the memory budget");
+            "body without a length grew past the memory budget", Refusal::memory);
     }
     if (ec == boost::system::errc::value_too_large) {
         return refuseAndClose(
             413, "Payload Too Large: the body no longer fits in the memory one client may use",
-            "body without a length grew past the client's memory share");
+            "body without a length grew past the client's memory share", Refusal::memoryShare);
     }
     if (ec == boost::system::errc::no_space_on_device) {
         return refuseAndClose(507, diskFullText,
-                              "disk: body without a length grew past the space kept free");
+                              "disk: body without a length grew past the space kept free",
+                              Refusal::disk);
     }
     if (ec == boost::system::errc::not_enough_memory) {
         Reply reply =
             refuseAndClose(503, "Service Unavailable: not enough memory for this request body",
-                           "allocation failed");
+                           "allocation failed", Refusal::memory);
         reply.headers.emplace_back("Retry-After", "5");
         return reply;
     }
@@ -451,7 +464,8 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
     if (ec.category() == http::make_error_code(http::error::bad_target).category() &&
         ec != http::error::partial_message && ec != http::error::end_of_stream &&
         ec != http::error::need_more && ec != http::error::need_buffer) {
-        return refuseAndClose(400, "Bad Request: " + ec.message(), ec.message());
+        return refuseAndClose(400, "Bad Request: " + ec.message(), ec.message(),
+                              Refusal::malformed);
     }
     return std::nullopt;
 }
@@ -461,13 +475,13 @@ Reply RequestGate::timedOut(Stage stage) const {
         return refuseAndClose(408,
                               "Request Timeout: the request head did not arrive within " +
                                   std::to_string(settings.headerTimeout.count()) + " s",
-                              "head not complete in time");
+                              "head not complete in time", Refusal::headTimeout);
     }
     return refuseAndClose(
         408,
         "Request Timeout: the body paused for " + std::to_string(settings.idleTimeout.count()) +
             " s or arrived slower than " + std::to_string(settings.minBodyRate) + " bytes a second",
-        "body stalled or below the minimum rate");
+        "body stalled or below the minimum rate", Refusal::bodyTimeout);
 }
 
 std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view piece,

@@ -839,11 +839,13 @@ private:
         if (!partCheck || partCheck->advance(parser->get().body())) {
             return true;
         }
-        sendReply(RequestDispatcher::plainText(
+        Reply reply = RequestDispatcher::plainText(
             400,
             "Bad Request: a part's header block is longer than " +
                 std::to_string(PartHeaderCheck::defaultLimit) + " bytes",
-            "part header block over the limit"));
+            "part header block over the limit");
+        reply.refusal = Refusal::partHeader;
+        sendReply(std::move(reply));
         return false;
     }
 
@@ -961,7 +963,11 @@ private:
                              : stage == RequestGate::Stage::head ? EventLog::headTimedOut
                                                                  : EventLog::bodyTimedOut);
         quiet = true;
-        sendReply(shared->gate.timedOut(stage));
+        Reply reply = shared->gate.timedOut(stage);
+        if (why == Cut::evicted) {
+            reply.refusal = Refusal::evicted;
+        }
+        sendReply(std::move(reply));
     }
 
     // Holds the verdict's answer back; the connection is busy meanwhile, so it is never taken
@@ -1111,10 +1117,13 @@ private:
         }
     }
 
-    // Answers the server gave instead of serving: not the service's own pages, and not a path
-    // or method that simply is not there.
-    bool refusedByServer(unsigned status) const {
-        return !fromService && RequestGate::isRefusal(verdict.route, status);
+    // Why the server refused, for answers it gave instead of serving: not the service's own
+    // pages, and not a path or method that simply is not there. Empty for any other answer.
+    std::string_view refusalOf(const Reply& reply) const {
+        if (fromService || !RequestGate::isRefusal(verdict.route, reply.status)) {
+            return {};
+        }
+        return reply.refusal == Refusal::none ? "other" : refusalLabel(reply.refusal);
     }
 
     void countEnd(const Reply& reply) {
@@ -1123,7 +1132,7 @@ private:
         const auto elapsed =
             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
         shared->metrics.requestFinished(verdict.route, reply.status, bytesIn, elapsed,
-                                        refusedByServer(reply.status));
+                                        refusalOf(reply));
         if (!stored.files.empty() || stored.notListed > 0) {
             std::uint64_t bytes = 0;
             for (const auto& file : stored.files) {
@@ -1412,7 +1421,7 @@ private:
             if (const auto refused = shared->handshakes.take(client, 1, Clock::now())) {
                 shared->events.count(EventLog::tlsThrottled,
                                      refused->clientSpent ? client : "all clients");
-                shared->metrics.refused(503);
+                shared->metrics.refused(503, refusalLabel(Refusal::tlsHandshakes));
                 beast::error_code ignored;
                 socket.close(ignored);
                 return;
@@ -1424,7 +1433,8 @@ private:
                 admission.outcome == ConnectionTable::Admission::Outcome::clientFull;
             shared->events.count(clientFull ? EventLog::clientOverLimit : EventLog::tableFull,
                                  clientFull ? client : std::string());
-            shared->metrics.refused(503);
+            shared->metrics.refused(
+                503, refusalLabel(clientFull ? Refusal::clientConnections : Refusal::connections));
             // A TLS client would take plain text for a broken handshake: it is just closed.
             if (shared->secure) {
                 beast::error_code ignored;

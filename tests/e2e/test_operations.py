@@ -358,10 +358,11 @@ class MetricsTest(OperationsTestCase):
         self.assertEqual(metric(samples, "kestrin_files_stored_total"), 2 * uploads + 1)
         self.assertEqual(metric(samples, "kestrin_stored_bytes_total"), 300 * uploads + 100)
         self.assertGreaterEqual(metric(samples, "kestrin_received_bytes_total"), sent)
-        # The module's own 400 is an answer, not a refusal by the server.
-        self.assertEqual({dict(labels)["cause"]: value for (name, labels), value in
-                          samples.items() if name == "kestrin_refusals_total"},
-                         {"403": 1, "413": 1})
+        # The module's own 400 is an answer, not a refusal by the server; each refusal says why.
+        self.assertEqual({dict(labels)["cause"] + " " + dict(labels)["reason"]: value
+                          for (name, labels), value in samples.items()
+                          if name == "kestrin_refusals_total"},
+                         {"403 cross_site": 1, "413 body_too_large": 1})
         # The scrape being answered is the one request in flight, and not yet counted.
         self.assertEqual(metric(samples, "kestrin_requests_in_flight"), 1)
         # A head refused by its framing gets no timing; the scrape itself does.
@@ -372,6 +373,27 @@ class MetricsTest(OperationsTestCase):
         self.assertGreater(metric(samples, "kestrin_memory_bytes", kind="budget"), 0)
         self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="in_use"), 0)
 
+
+    def test_connections_refused_count_under_their_reason_apart_from_requests(self):
+        server = self.start("--max-connections-per-client", "2")
+        held = [server.connect(source="127.0.0.2") for _ in range(2)]
+        try:
+            # Both held connections are in once each has had an answer.
+            for connection in held:
+                connection.sendall(b"GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n")
+                self.assertIn(b" 200 ", connection.recv(4096))
+            with server.connect(source="127.0.0.2") as third:
+                third.sendall(b"GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n")
+                self.assertIn(b" 503 ", third.recv(4096))
+            samples = parse_metrics(exchange(server, b"GET", b"/metrics",
+                                             source="127.0.0.3")[2].decode())
+        finally:
+            for connection in held:
+                connection.close()
+        self.assertEqual(metric(samples, "kestrin_refusals_total", cause="503",
+                                reason="client_connections"), 1)
+        self.assertEqual(sum(value for (name, _), value in samples.items()
+                             if name == "kestrin_refusals_total"), 1)
 
     def test_large_bodies_and_parts_are_kept_for_the_next_upload_as_the_setting_says(self):
         # Large enough for the part's memory to be made ready while the body arrives: from the

@@ -8,9 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace kestrin::host {
 namespace {
@@ -169,6 +172,24 @@ TEST(RequestDispatcher, handsTheBodyBackOnlyOnceTheServiceHasLetGoOfIt) {
     EXPECT_EQ(returned.bytes(), nullptr);
     ASSERT_NE(provider->keptBody, nullptr);
     EXPECT_EQ(readStream(*provider->keptBody), "body bytes");
+}
+
+// Each reason is a series of its own in the metrics, named as a Prometheus label value should
+// be; a reason that borrowed another's name would count its refusals there.
+TEST(RequestDispatcher, eachRefusalHasAMetricsNameOfItsOwn) {
+    std::set<std::string_view> names;
+    for (int value = 1; value < 64; ++value) {
+        const std::string_view name = refusalLabel(static_cast<Refusal>(value));
+        if (name == "other") {
+            break;
+        }
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(std::all_of(name.begin(), name.end(),
+                                [](char c) { return (c >= 'a' && c <= 'z') || c == '_'; }));
+        EXPECT_TRUE(names.insert(name).second);
+    }
+    EXPECT_EQ(names.count("none"), 0u);
+    EXPECT_EQ(names.size(), static_cast<std::size_t>(Refusal::tlsHandshakes));
 }
 
 } // namespace

@@ -102,6 +102,7 @@ TEST(RequestGate, anyTransferCodingButALoneChunkedIsRefusedBeforeAnythingElse) {
         } else {
             EXPECT_EQ(verdict.kind, Kind::answer);
             EXPECT_EQ(verdict.reply.status, c.status);
+            EXPECT_EQ(verdict.reply.refusal, Refusal::transferCoding);
             // What follows the head cannot be framed: it must never be read as a request.
             EXPECT_TRUE(verdict.reply.close);
         }
@@ -141,6 +142,7 @@ TEST(RequestGate, uploadsFromPagesOfOtherSitesAreRefusedUnlessTheirOriginIsListe
         EXPECT_EQ(verdict.kind, c.allowed ? Kind::service : Kind::answer);
         if (!c.allowed) {
             EXPECT_EQ(verdict.reply.status, 403u);
+            EXPECT_EQ(verdict.reply.refusal, Refusal::crossSite);
             EXPECT_EQ(text(verdict.reply),
                       "Forbidden: uploads from pages of other sites are refused\n");
         }
@@ -167,6 +169,7 @@ TEST(RequestGate, everyRequestNeedsCredentialsWhenAuthenticationIsOn) {
         for (const std::string& fields : {std::string(), basic("alice:wrong"), basic("bob:x")}) {
             const Verdict refused = decide(gate, fields, start);
             EXPECT_EQ(refused.reply.status, 401u);
+            EXPECT_EQ(refused.reply.refusal, Refusal::credentials);
             EXPECT_EQ(header(refused.reply, "WWW-Authenticate"), std::string(BasicAuth::challenge));
             // A guess waits for its answer; a browser's first request, without credentials,
             // does not.
@@ -194,6 +197,7 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
 
     const Verdict second = decide(gate, announced);
     EXPECT_EQ(second.reply.status, 503u);
+    EXPECT_EQ(second.reply.refusal, Refusal::memory);
     EXPECT_EQ(header(second.reply, "Retry-After"), "5");
     EXPECT_TRUE(second.waitsForMemory);
     EXPECT_EQ(budget.used(), needed);
@@ -202,6 +206,7 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
     const Verdict never =
         decide(gate, "Content-Length: " + std::to_string(budget.limit() / 2) + "\r\n");
     EXPECT_EQ(never.reply.status, 413u);
+    EXPECT_EQ(never.reply.refusal, Refusal::memory);
     EXPECT_FALSE(never.waitsForMemory);
 
     first = Verdict();
@@ -233,6 +238,7 @@ TEST(RequestGate, anUploadIsAdmittedOnlyWhenItsBodyAndItsCopyFitInTheBudget) {
     const std::optional<Reply> answer = gate.onReadError(ec, RequestGate::Stage::body);
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->status, 413u);
+    EXPECT_EQ(answer->refusal, Refusal::memory);
     EXPECT_EQ(text(*answer),
               "Payload Too Large: the body no longer fits in the memory of this server\n");
 }
@@ -258,6 +264,7 @@ TEST(RequestGate, oneClientsUploadsHoldNoMoreThanItsShareOfTheMemory) {
     EXPECT_EQ(second.kind, Kind::service);
     const Verdict third = upload("10.0.0.1", announced);
     EXPECT_EQ(third.reply.status, 503u);
+    EXPECT_EQ(third.reply.refusal, Refusal::memoryShare);
     EXPECT_EQ(header(third.reply, "Retry-After"), "5");
     EXPECT_EQ(third.reply.detail, "client's memory share: " + std::to_string(2 * needed) + " of " +
                                       std::to_string(2 * needed) + " held, " +
@@ -275,6 +282,7 @@ TEST(RequestGate, oneClientsUploadsHoldNoMoreThanItsShareOfTheMemory) {
     const Verdict never =
         upload("10.0.0.3", "Content-Length: " + std::to_string(gate.largestBody() + 1) + "\r\n");
     EXPECT_EQ(never.reply.status, 413u);
+    EXPECT_EQ(never.reply.refusal, Refusal::memoryShare);
     EXPECT_EQ(text(never.reply), "Payload Too Large: a body of " +
                                      std::to_string(gate.largestBody() + 1) +
                                      " bytes needs more memory than one client may use\n");
@@ -294,6 +302,7 @@ TEST(RequestGate, oneClientsUploadsHoldNoMoreThanItsShareOfTheMemory) {
     const std::optional<Reply> answer = gate.onReadError(ec, RequestGate::Stage::body);
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->status, 413u);
+    EXPECT_EQ(answer->refusal, Refusal::memoryShare);
     EXPECT_EQ(text(*answer),
               "Payload Too Large: the body no longer fits in the memory one client may use\n");
 
@@ -332,6 +341,7 @@ TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBo
     const Verdict second = decide(gate, "Content-Length: 2001\r\n");
     EXPECT_EQ(second.kind, Kind::answer);
     EXPECT_EQ(second.reply.status, 507u);
+    EXPECT_EQ(second.reply.refusal, Refusal::disk);
     EXPECT_EQ(text(second.reply), insufficient);
     EXPECT_EQ(second.reply.detail,
               "disk: 10000 bytes and 1000 files free, 6000 bytes and 126 files promised to "
@@ -484,26 +494,29 @@ TEST(RequestGate, readFailuresAreAnsweredWhileSomeoneListensAndTheirDeadlinesHol
     settings.idleTimeout = std::chrono::seconds(30);
     const RequestGate gate(settings, uploadDispatcher(), nullptr, nullptr);
     using Stage = RequestGate::Stage;
+    using boost::system::errc::make_error_code;
+    namespace errc = boost::system::errc;
     struct Case {
         beast::error_code ec;
         Stage stage;
         unsigned status; // 0: nobody to answer
+        Refusal why;     // what the metrics count it under
     };
     const Case cases[] = {
-        {http::error::header_limit, Stage::head, 431},
-        {http::error::buffer_overflow, Stage::head, 431},
-        {http::error::buffer_overflow, Stage::body, 413},
-        {http::error::body_limit, Stage::body, 413},
-        {http::error::bad_chunk, Stage::body, 400},
-        {http::error::bad_transfer_encoding, Stage::head, 400},
-        {http::error::bad_content_length, Stage::head, 400},
-        {http::error::bad_method, Stage::head, 400},
-        {boost::system::errc::make_error_code(boost::system::errc::not_enough_memory), Stage::body,
-         503},
-        {http::error::partial_message, Stage::body, 0},
-        {http::error::end_of_stream, Stage::head, 0},
-        {boost::asio::error::connection_reset, Stage::body, 0},
-        {boost::asio::error::eof, Stage::head, 0},
+        {http::error::header_limit, Stage::head, 431, Refusal::headTooLarge},
+        {http::error::buffer_overflow, Stage::head, 431, Refusal::headTooLarge},
+        {http::error::buffer_overflow, Stage::body, 413, Refusal::bodyTooLarge},
+        {http::error::body_limit, Stage::body, 413, Refusal::bodyTooLarge},
+        {http::error::bad_chunk, Stage::body, 400, Refusal::malformed},
+        {http::error::bad_transfer_encoding, Stage::head, 400, Refusal::malformed},
+        {http::error::bad_content_length, Stage::head, 400, Refusal::malformed},
+        {http::error::bad_method, Stage::head, 400, Refusal::malformed},
+        {make_error_code(errc::not_enough_memory), Stage::body, 503, Refusal::memory},
+        {make_error_code(errc::no_space_on_device), Stage::body, 507, Refusal::disk},
+        {http::error::partial_message, Stage::body, 0, Refusal::none},
+        {http::error::end_of_stream, Stage::head, 0, Refusal::none},
+        {boost::asio::error::connection_reset, Stage::body, 0, Refusal::none},
+        {boost::asio::error::eof, Stage::head, 0, Refusal::none},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.ec.message());
@@ -511,6 +524,7 @@ TEST(RequestGate, readFailuresAreAnsweredWhileSomeoneListensAndTheirDeadlinesHol
         ASSERT_EQ(reply.has_value(), c.status != 0);
         if (reply) {
             EXPECT_EQ(reply->status, c.status);
+            EXPECT_EQ(reply->refusal, c.why);
             EXPECT_TRUE(reply->close);
         }
     }
@@ -518,6 +532,8 @@ TEST(RequestGate, readFailuresAreAnsweredWhileSomeoneListensAndTheirDeadlinesHol
         EXPECT_EQ(gate.timedOut(stage).status, 408u);
         EXPECT_TRUE(gate.timedOut(stage).close);
     }
+    EXPECT_EQ(gate.timedOut(Stage::head).refusal, Refusal::headTimeout);
+    EXPECT_EQ(gate.timedOut(Stage::body).refusal, Refusal::bodyTimeout);
 
     const Clock::time_point start{};
     using std::chrono::milliseconds;
