@@ -226,6 +226,13 @@ int serve(kestrin::host::Configuration arguments) {
         std::min(options.maxMemory,
                  arguments.maxMemoryPerClient.value_or(
                      host::RequestGate::defaultClientShare(options.maxMemory, options.maxBody)));
+    // A share over the whole would read as a limit where there is none.
+    if (arguments.maxMemoryPerClient && *arguments.maxMemoryPerClient > options.maxMemory) {
+        say(host::LogLevel::warn,
+            "--max-memory-per-client " + mebibytes(*arguments.maxMemoryPerClient) +
+                " is over the memory budget of " + mebibytes(options.maxMemory) +
+                ": one client may hold all of it");
+    }
     std::shared_ptr<host::BasicAuth> auth;
     std::function<std::string()> reloadUsers;
     if (!arguments.authFile.empty()) {

@@ -195,6 +195,16 @@ class ConfigurationTest(OperationsTestCase):
                 for size, status in expected.items():
                     self.assertEqual(upload(server, body=body_of_size(size))[0], status, size)
 
+    def test_a_client_share_over_the_memory_budget_is_capped_and_said_to_be(self):
+        for share, line, warned in (("128M", "memory 64 MiB (64 MiB per client)", True),
+                                    ("16M", "memory 64 MiB (16 MiB per client)", False)):
+            with self.subTest(share=share):
+                server = self.start("--max-memory", "64M", "--max-memory-per-client", share)
+                serverlib.wait_for(lambda: line in server.logged(), 10, line)
+                warning = ("WARN --max-memory-per-client 128 MiB is over the memory budget of "
+                           "64 MiB: one client may hold all of it")
+                self.assertEqual(warning in server.logged(), warned, server.logged())
+
     def test_a_bad_setting_exits_2_before_listening_naming_it_and_what_is_expected(self):
         bad_size = self.write("size.conf", "max-body = 10XB\n")
         quiet = ["--dir", os.path.join(self.root, "never")]
