@@ -111,6 +111,7 @@ public:
         refusalNotLogged,
         tlsFailed,
         tlsThrottled,
+        renegotiationRefused,
         kinds
     };
 
@@ -141,7 +142,8 @@ public:
             "connections refused: server full",
             "refused requests not logged one by one",
             "TLS handshakes failed",
-            "TLS handshakes refused: over their rate"};
+            "TLS handshakes refused: over their rate",
+            "TLS renegotiations refused"};
         std::string line;
         for (int kind = 0; kind < kinds; ++kind) {
             const std::uint64_t n = counts[kind].exchange(0, std::memory_order_relaxed);
@@ -182,6 +184,31 @@ private:
     std::mutex mutex;
     std::array<std::string, kinds> details;
 };
+
+// What a TLS connection's own callbacks need to know of it: where to count what its client did,
+// and who the client is. Kept by the connection, which outlives its TLS state.
+struct TlsWatch {
+    EventLog* events;
+    std::string client;
+};
+
+int tlsWatchIndex() {
+    static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+}
+
+// Called by the TLS library as a connection's state changes. A client that asks for a second
+// handshake is told no with an alert, and goes on; the alert is counted here, so that a client
+// asking again and again shows in the log.
+void onTlsInfo(const SSL* connection, int where, int alert) {
+    if ((where & SSL_CB_WRITE_ALERT) == 0 || (alert & 0xff) != SSL_AD_NO_RENEGOTIATION) {
+        return;
+    }
+    if (const auto* watch =
+            static_cast<const TlsWatch*>(SSL_get_ex_data(connection, tlsWatchIndex()))) {
+        watch->events->count(EventLog::renegotiationRefused, watch->client);
+    }
+}
 
 class SessionBase;
 struct Shared;
@@ -277,6 +304,7 @@ struct Shared {
         // would cost a signature that the budget of handshakes, counted per connection, never
         // sees. Said here, not left to the library's default.
         SSL_CTX_set_options(context.native_handle(), SSL_OP_NO_RENEGOTIATION);
+        SSL_CTX_set_info_callback(context.native_handle(), &onTlsInfo);
         const auto load = [&](const std::string& what, const std::string& file, auto&& step) {
             if (::access(file.c_str(), R_OK) != 0) {
                 throw std::runtime_error(what + " " + file +
@@ -362,6 +390,7 @@ public:
             std::string clientAddress, std::string clientShares,
             std::shared_ptr<ssl::context> tlsContext, StreamArguments&&... streamArguments)
         : tls(std::move(tlsContext))
+        , watch{&sharedState->events, secure ? clientAddress : std::string()}
         , stream(std::forward<StreamArguments>(streamArguments)...)
         , buffer(readBufferLimit)
         , shared(std::move(sharedState))
@@ -369,7 +398,11 @@ public:
         , client(std::move(clientAddress))
         , shares(std::move(clientShares))
         , timer(stream.get_executor())
-        , holdBack(stream.get_executor()) {}
+        , holdBack(stream.get_executor()) {
+        if constexpr (secure) {
+            SSL_set_ex_data(stream.native_handle(), tlsWatchIndex(), &watch);
+        }
+    }
 
     ~Session() override {
         abandonCount();
@@ -1224,6 +1257,7 @@ private:
     // The TLS settings the connection started with, kept as long as its stream: a reload
     // only changes those of connections that come after it.
     const std::shared_ptr<ssl::context> tls;
+    TlsWatch watch; // before the stream, so that it outlives the TLS state that points to it
     Stream stream;
     beast::flat_buffer buffer;
     std::shared_ptr<Shared> shared;

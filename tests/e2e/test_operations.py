@@ -667,6 +667,9 @@ class TlsTest(OperationsTestCase):
         output = client.communicate()[0].decode(errors="replace")
         self.assertIn("RENEGOTIATING", output)
         self.assertIn("no renegotiation", output)
+        # Told no, the client may ask again and again: the log counts it, naming the client.
+        serverlib.wait_for(lambda: "TLS renegotiations refused x1 (127.0.0.1)" in
+                           server.logged(), 5, "the refusal counted in the log")
         self.assertEqual(server.stop(), 0)
 
 
