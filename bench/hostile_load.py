@@ -284,6 +284,22 @@ def stored_names(server):
             if not entry.name.startswith(("good-", serverlib.OWNER_PREFIX))]
 
 
+def refusal_reasons(server):
+    """What the server's metrics count its refusals under: {reason: count}."""
+    connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10,
+                                            source_address=(GOOD_SOURCE, 0))
+    try:
+        connection.request("GET", "/metrics")
+        text = connection.getresponse().read().decode()
+    finally:
+        connection.close()
+    reasons = Counter()
+    for match in re.finditer(r'^kestrin_refusals_total\{[^}]*reason="([a-z_]+)"[^}]*\} (\S+)$',
+                             text, re.MULTILINE):
+        reasons[match.group(1)] += int(float(match.group(2)))
+    return dict(reasons)
+
+
 async def still_serving(ctx, row, server, extra=()):
     """After the attack: the process is up and a good upload is stored."""
     if not row.check(server.process.poll() is None,
@@ -541,6 +557,8 @@ async def memory_share(ctx, row):
     refused = sum(answer.label == "503" for answer in held)
     row.check(refused == count - 2, "%d of %d refused, not %d" % (refused, count, count - 2))
     row.check("client's memory share" in server.logged(), "no log line names the share")
+    reasons = refusal_reasons(server)
+    row.check(reasons == {"memory_share": refused}, "the metrics counted %s" % reasons)
     row.check_good(row.good)
     await still_serving(ctx, row, server)
 
@@ -666,6 +684,8 @@ async def cross_site(ctx, row):
               "same-origin POST: %s" % same.label)
     crossed = [name for name in stored_names(server) if name.startswith("cross-")]
     row.check(not crossed, "stored %s" % crossed)
+    reasons = refusal_reasons(server)
+    row.check(reasons == {"cross_site": len(cases)}, "the metrics counted %s" % reasons)
     try:
         allowing = ctx.start("--allow-origin", "http://evil.example")
     except Skipped as refused:
