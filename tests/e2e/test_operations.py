@@ -13,6 +13,7 @@ import datetime
 import json
 import os
 import re
+import select
 import shutil
 import signal
 import socket
@@ -404,6 +405,29 @@ class MetricsTest(OperationsTestCase):
                                 reason="client_connections"), 1)
         self.assertEqual(sum(value for (name, _), value in samples.items()
                              if name == "kestrin_refusals_total"), 1)
+
+    def test_a_head_cut_short_to_make_room_counts_as_evicted_not_as_a_timeout(self):
+        server = self.start("--max-connections", "2")
+        slow = [server.connect(source="127.0.0.%d" % n) for n in (2, 3)]
+        try:
+            for connection in slow:
+                connection.sendall(b"POST /users HTTP/1.1\r\nHost: x\r\n")
+            time.sleep(1)  # both are now worth closing for a newcomer
+            with server.connect(source="127.0.0.4") as fresh:
+                cut, _, _ = select.select(slow, [], [], 10)
+                self.assertEqual(len(cut), 1)
+                self.assertIn(b" 408 ", cut[0].recv(4096))
+                fresh.sendall(b"GET /metrics HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+                answer = b""
+                while chunk := fresh.recv(65536):
+                    answer += chunk
+        finally:
+            for connection in slow:
+                connection.close()
+        samples = parse_metrics(answer.partition(b"\r\n\r\n")[2].decode())
+        self.assertEqual({dict(labels)["cause"] + " " + dict(labels)["reason"]: value
+                          for (name, labels), value in samples.items()
+                          if name == "kestrin_refusals_total"}, {"408 evicted": 1})
 
     def test_large_bodies_and_parts_are_kept_for_the_next_upload_as_the_setting_says(self):
         # Large enough for the part's memory to be made ready while the body arrives: from the
