@@ -662,6 +662,10 @@ class TlsTest(OperationsTestCase):
         serverlib.wait_for(lambda: "TLS handshakes refused" in server.logged(), 10, "the count")
         self.assertRegex(server.logged(),
                          r"TLS handshakes refused: over their rate x\d+ \(127\.0\.0\.2\)")
+        # Every connection closed unanswered is a refusal under its reason.
+        samples = parse_metrics(exchange(server, b"GET", b"/metrics", context=context)[2].decode())
+        self.assertEqual(metric(samples, "kestrin_refusals_total", cause="503",
+                                reason="tls_handshakes"), 12 - done)
         self.assertEqual(server.stop(), 0)
 
         # The same in all: the pool runs dry for every address, which the log says.
