@@ -28,6 +28,7 @@
 #include "host/DiskReserve.h"
 #include "host/MemoryBudget.h"
 #include "host/PartHeaderCheck.h"
+#include "host/RateBudget.h"
 #include "host/RequestDispatcher.h"
 #include "host/RequestGate.h"
 #include "host/RouteTable.h"
@@ -367,7 +368,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::optional<kestrin::host::MemoryBudget> budget;
     std::optional<kestrin::host::DiskReserve> disk;
     std::optional<kestrin::host::ClientShares> shares;
+    // The bounded runs give each client a quota of a few bodies, so that uploads past it, with
+    // a length or in chunks, are refused too.
+    std::optional<kestrin::host::RateBudget> quota;
+    kestrin::host::GateSettings settings;
     if ((data[1] & 0x80) != 0) {
+        settings.uploadPerClient = 4 * 1024;
+        quota.emplace(kestrin::host::RateBudget::Limits{1e12, 1e12, 4 * 1024, 1});
         budget.emplace(smallBudget);
         // A little less than the pool, so that some bodies fit the pool but not the share.
         shares.emplace(smallBudget - 1024);
@@ -375,10 +382,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             return std::optional<kestrin::host::DiskReserve::Space>({smallBudget / 2, 64});
         });
     }
-    kestrin::host::GateSettings settings;
     settings.maxBody = maxBody;
     const RequestGate gate(settings, services.dispatcher, budget ? &*budget : nullptr, nullptr, {},
-                           disk ? &*disk : nullptr, shares ? &*shares : nullptr);
+                           disk ? &*disk : nullptr, shares ? &*shares : nullptr,
+                           quota ? &*quota : nullptr);
     ClientBytes client(std::string_view(reinterpret_cast<const char*>(data + 2), size - 2), chunk);
     // Bounded as the server's is, so no framing can make it grow without end.
     beast::flat_buffer buffer(64 * 1024 + headerLimit);

@@ -366,6 +366,11 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "more); past it, an upload gets 503 with Retry-After until the client's others are "
            "done",
            someBytes(config.maxMemoryPerClient));
+    option("max-upload-per-client", "SIZE",
+           "body bytes that one client address may upload in an hour, earned back evenly "
+           "through the hour; past it, an upload gets 503 with Retry-After, and one larger than "
+           "it gets 413 (default 0: no limit)",
+           size(config.maxUploadPerClient, 0));
     option("keep-body-memory", "SIZE",
            "memory of finished request bodies and their parts (each of 1M or more) kept for "
            "later uploads, within --max-memory, freed after a minute unused (default 1G; 0 "

@@ -30,6 +30,7 @@ struct Configuration {
     unsigned authCpuPerClient = 5;
     std::optional<std::uint64_t> maxMemory;          // default: from the machine
     std::optional<std::uint64_t> maxMemoryPerClient; // default: from maxMemory and maxBody
+    std::uint64_t maxUploadPerClient = 0;            // 0: no limit
     std::optional<std::size_t> maxConnections;       // default: from the descriptor limit
     std::optional<std::uint64_t> minFree;            // default: from the filesystem's size
     std::optional<std::uint64_t> minFreeFiles;       // default: from the filesystem's size

@@ -54,6 +54,28 @@ std::optional<RateBudget::Refusal> RateBudget::take(const std::string& client, d
     return refusal;
 }
 
+std::optional<RateBudget::Refusal> RateBudget::takeWhole(const std::string& client, double amount,
+                                                         Clock::time_point now) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    // What each holds after the payment: short of zero, it must first earn that back.
+    const double left = refill(pool, limits.total, limits.totalPerSecond, now) - amount;
+    double wait = secondsToRepay(left, limits.totalPerSecond);
+    bool clientSpent = false;
+    if (!client.empty()) {
+        const double own =
+            refill(share(client, now), limits.client, limits.clientPerSecond, now) - amount;
+        clientSpent = own < 0;
+        wait = std::max(wait, secondsToRepay(own, limits.clientPerSecond));
+    }
+    if (left >= 0 && !clientSpent) {
+        spendLocked(client, amount, now);
+        return std::nullopt;
+    }
+    return Refusal{std::chrono::seconds(
+                       std::max<long long>(1, static_cast<long long>(std::ceil(wait - 1e-9)))),
+                   clientSpent};
+}
+
 std::size_t RateBudget::clientsRemembered() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return clients.size();

@@ -52,6 +52,12 @@ public:
     // last credit.
     [[nodiscard]] std::optional<Refusal> take(const std::string& client, double amount,
                                               Clock::time_point now);
+    // Like take, but only when the pool, and the share of client unless client is empty, each
+    // hold all of amount now: for what must be paid before it is done, not owed after. The
+    // refusal's retryAfter is then when both will hold it. Call with amounts no larger than
+    // the share and the pool can hold, or it never succeeds.
+    [[nodiscard]] std::optional<Refusal> takeWhole(const std::string& client, double amount,
+                                                   Clock::time_point now);
 
     std::size_t clientsRemembered() const;
 

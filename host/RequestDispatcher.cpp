@@ -131,6 +131,8 @@ std::string_view refusalLabel(Refusal refusal) noexcept {
         return "memory";
     case Refusal::memoryShare:
         return "memory_share";
+    case Refusal::uploadQuota:
+        return "upload_quota";
     case Refusal::disk:
         return "disk";
     case Refusal::partHeader:

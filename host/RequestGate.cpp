@@ -89,14 +89,15 @@ RequestGate::RequestGate(GateSettings gateSettings,
                          std::shared_ptr<const RequestDispatcher> requestDispatcher,
                          MemoryBudget* memoryBudget, BasicAuth* basicAuth,
                          StatusEndpoints statusEndpoints, DiskReserve* diskReserve,
-                         ClientShares* memoryShares)
+                         ClientShares* memoryShares, RateBudget* uploadQuota)
     : settings(std::move(gateSettings))
     , dispatcher(std::move(requestDispatcher))
     , budget(memoryBudget)
     , auth(basicAuth)
     , endpoints(std::move(statusEndpoints))
     , disk(diskReserve)
-    , shares(memoryShares) {
+    , shares(memoryShares)
+    , quota(uploadQuota) {
     for (std::string& origin : settings.allowedOrigins) {
         origin = normalizeOrigin(origin).value_or(lower(origin));
     }
@@ -104,14 +105,17 @@ RequestGate::RequestGate(GateSettings gateSettings,
 }
 
 std::uint64_t RequestGate::largestBody() const noexcept {
+    const std::uint64_t allowed = quota != nullptr && settings.uploadPerClient > 0
+                                      ? std::min(settings.maxBody, settings.uploadPerClient)
+                                      : settings.maxBody;
     if (budget == nullptr) {
-        return settings.maxBody;
+        return allowed;
     }
     // The largest length that chargeFor keeps within the budget's limit and a client's share.
     const std::uint64_t most =
         shares != nullptr ? std::min(budget->limit(), shares->share()) : budget->limit();
     const std::uint64_t fits = most < requestOverhead ? 0 : (most - requestOverhead) / 2;
-    return std::min(settings.maxBody, fits);
+    return std::min(allowed, fits);
 }
 
 Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> contentLength,
@@ -215,8 +219,15 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
         if (!refusal) {
             refusal = memoryRefusal(*contentLength, verdict, client);
         }
+        // The quota last: it cannot be given back, so it pays only for a body that comes in.
+        if (!refusal) {
+            refusal = quotaRefusal(*contentLength, client);
+        }
         if (refusal) {
             verdict.reply = std::move(*refusal);
+            verdict.charge = MemoryBudget::Reservation();
+            verdict.share = ClientShares::Hold();
+            verdict.disk = DiskReserve::Claim();
             return verdict;
         }
     } else {
@@ -228,6 +239,9 @@ Verdict RequestGate::decide(const Head& head, boost::optional<std::uint64_t> con
         }
         if (disk != nullptr) {
             verdict.disk = disk->empty();
+        }
+        if (quota != nullptr) {
+            verdict.quotaClient = std::string(client);
         }
     }
     const auto contentType = head.find(http::field::content_type);
@@ -418,6 +432,35 @@ std::optional<Reply> RequestGate::diskRefusal(std::uint64_t length, Verdict& ver
     return std::nullopt;
 }
 
+std::optional<Reply> RequestGate::quotaRefusal(std::uint64_t length,
+                                               std::string_view client) const {
+    if (quota == nullptr || client.empty()) {
+        return std::nullopt;
+    }
+    const std::uint64_t most = settings.uploadPerClient;
+    if (length > most) {
+        return refuse(413,
+                      "Payload Too Large: a body of " + std::to_string(length) +
+                          " bytes is more than one client may upload in an hour",
+                      "body of " + std::to_string(length) + " bytes over the upload quota of " +
+                          std::to_string(most) + " an hour",
+                      Refusal::uploadQuota);
+    }
+    const auto refused =
+        quota->takeWhole(std::string(client), static_cast<double>(length), Clock::now());
+    if (!refused) {
+        return std::nullopt;
+    }
+    Reply reply = refuse(503,
+                         "Service Unavailable: this client has uploaded all it may for now; "
+                         "retry later",
+                         "client's upload quota: " + std::to_string(length) +
+                             " bytes more than it has left of " + std::to_string(most) + " an hour",
+                         Refusal::uploadQuota);
+    reply.headers.emplace_back("Retry-After", std::to_string(refused->retryAfter.count()));
+    return reply;
+}
+
 std::uint64_t RequestGate::defaultClientShare(std::uint64_t memoryLimit, std::uint64_t maxBody) {
     return std::max(memoryLimit / 4, std::min(memoryLimit, chargeFor(maxBody)));
 }
@@ -451,6 +494,11 @@ std::optional<Reply> RequestGate::onReadError(const boost::beast::error_code& ec
         return refuseAndClose(507, diskFullText,
                               "disk: body without a length grew past the space kept free",
                               Refusal::disk);
+    }
+    if (ec == boost::system::errc::resource_unavailable_try_again) {
+        return refuseAndClose(
+            503, "Service Unavailable: this client has uploaded all it may for now; retry later",
+            "body without a length passed the client's upload quota", Refusal::uploadQuota);
     }
     if (ec == boost::system::errc::not_enough_memory) {
         Reply reply =
@@ -486,6 +534,13 @@ Reply RequestGate::timedOut(Stage stage) const {
 
 std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view piece,
                                      Verdict& verdict, boost::beast::error_code& ec) const {
+    // Paid before anything else: a client past its quota takes no memory or disk with it.
+    if (quota != nullptr && !verdict.quotaClient.empty() && !piece.empty() &&
+        quota->takeWhole(verdict.quotaClient, static_cast<double>(piece.size()), Clock::now())) {
+        ec = boost::system::errc::make_error_code(
+            boost::system::errc::resource_unavailable_try_again);
+        return 0;
+    }
     MemoryBudget::Reservation& charge = verdict.charge;
     const std::size_t needed = body.getSize() + piece.size();
     if (needed > body.getCapacity()) {

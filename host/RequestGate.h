@@ -4,6 +4,7 @@
 #include "host/ClientShares.h"
 #include "host/DiskReserve.h"
 #include "host/MemoryBudget.h"
+#include "host/RateBudget.h"
 #include "host/RequestDispatcher.h"
 
 #include <boost/beast/core/error.hpp>
@@ -37,6 +38,8 @@ struct GateSettings {
     std::chrono::seconds idleTimeout{30};
     // Files one request may store: the most an upload can claim of the disk's files.
     std::uint64_t maxFiles = 1000;
+    // Body bytes one client may upload in an hour, when the gate is given a quota to keep it.
+    std::uint64_t uploadPerClient = 0;
 };
 
 // The server's own read-only endpoints, answered from the head alone. Each may be empty: the
@@ -72,6 +75,8 @@ struct Verdict {
     // The disk space the body's files may take, claimed from the reserve kept free; a body
     // without a length claims as it grows.
     DiskReserve::Claim disk;
+    // Whose upload quota a body without a length pays from as it grows; empty: nobody's.
+    std::string quotaClient;
     // The authenticated user, when authentication is on.
     std::string user;
     // How long to hold an answer back: a client guessing passwords waits for each answer, so
@@ -102,10 +107,13 @@ public:
 
     // auth may be null: no authentication. budget may be null: no memory bound. disk may be
     // null: no space is kept free. memoryShares, the memory one client's requests may hold at
-    // once, may be null: a client may hold all of the budget.
+    // once, may be null: a client may hold all of the budget. uploadQuota, whose share per
+    // client holds settings.uploadPerClient bytes and earns them back in an hour, may be null:
+    // a client may upload without end.
     RequestGate(GateSettings settings, std::shared_ptr<const RequestDispatcher> dispatcher,
                 MemoryBudget* budget, BasicAuth* auth, StatusEndpoints endpoints = {},
-                DiskReserve* disk = nullptr, ClientShares* memoryShares = nullptr);
+                DiskReserve* disk = nullptr, ClientShares* memoryShares = nullptr,
+                RateBudget* uploadQuota = nullptr);
 
     static constexpr std::string_view healthPath = "/healthz";
     static constexpr std::string_view metricsPath = "/metrics";
@@ -134,12 +142,14 @@ public:
     // The answer to a client that fell behind the deadline of its head or its body.
     [[nodiscard]] Reply timedOut(Stage stage) const;
 
-    // Appends a piece of a body without a length (a chunk), first charging the verdict's memory
-    // and disk claims for the room the body grows by: such a body was admitted with nothing
-    // and must earn every byte. Returns the bytes taken, as the parser's chunk callback does;
-    // on failure none, the body and the claims as they were, and ec a failure that onReadError
-    // answers (413 once the body no longer fits the budget or the client's share of it, 503
-    // when memory runs out, 507 when the disk could not take it and keep its reserve).
+    // Appends a piece of a body without a length (a chunk), first paying for it from the
+    // client's upload quota and charging the verdict's memory and disk claims for the room the
+    // body grows by: such a body was admitted with nothing and must earn every byte. Returns
+    // the bytes taken, as the parser's chunk callback does; on failure none, the body and the
+    // claims as they were (a piece the quota paid for stays paid), and ec a failure that
+    // onReadError answers (413 once the body no longer fits the budget or the client's share
+    // of it, 503 when memory runs out or the client's quota for the hour did, 507 when the disk
+    // could not take it and keep its reserve).
     std::size_t appendChunk(common::DataBuffer& body, std::string_view piece, Verdict& verdict,
                             boost::beast::error_code& ec) const;
 
@@ -171,6 +181,7 @@ private:
     std::optional<Reply> memoryRefusal(std::uint64_t length, Verdict& verdict,
                                        std::string_view client) const;
     std::optional<Reply> diskRefusal(std::uint64_t length, Verdict& verdict) const;
+    std::optional<Reply> quotaRefusal(std::uint64_t length, std::string_view client) const;
     std::optional<Reply> statusEndpoint(const Head& head, std::string_view path,
                                         bool authenticated) const;
 
@@ -181,6 +192,7 @@ private:
     StatusEndpoints endpoints;
     DiskReserve* disk;
     ClientShares* shares;
+    RateBudget* quota;
     std::string demoPage;
 };
 

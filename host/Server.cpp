@@ -40,6 +40,7 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <malloc.h>
 #include <mutex>
 #include <openssl/err.h>
@@ -225,6 +226,18 @@ constexpr std::chrono::minutes slowBodyHorizon{10};
 // theirs when they please.
 constexpr double handshakeBurstSeconds = 4;
 
+// Each client key may upload perClient bytes in an hour, earned back evenly; the pool is no
+// bound of its own. Null for 0: no quota.
+std::unique_ptr<RateBudget> uploadQuotaFor(std::uint64_t perClient) {
+    if (perClient == 0) {
+        return nullptr;
+    }
+    const double bytes = static_cast<double>(perClient);
+    const double unbounded = std::numeric_limits<double>::max() / 4;
+    return std::make_unique<RateBudget>(
+        RateBudget::Limits{unbounded, unbounded, bytes, bytes / 3600});
+}
+
 // What every session shares with the server: its settings, the gate, the service threads,
 // the memory budget, the connection table, the stop flag and the live sessions (so a stop, or
 // a new connection that needs a slot, can reach them).
@@ -235,13 +248,14 @@ struct Shared {
         , budget(serverOptions.maxMemory)
         , memoryShares(serverOptions.maxMemoryPerClient > 0 ? serverOptions.maxMemoryPerClient
                                                             : serverOptions.maxMemory)
+        , uploadQuota(uploadQuotaFor(serverOptions.maxUploadPerClient))
         , bodies(serverOptions.keptBodyBytes, BodyBufferPool::defaultSmallest, &budget)
         , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
                             serverOptions.discardRoute, serverOptions.headerTimeout,
                             serverOptions.minBodyRate, serverOptions.idleTimeout,
-                            serverOptions.maxFiles},
+                            serverOptions.maxFiles, serverOptions.maxUploadPerClient},
                parts.dispatcher, &budget, parts.auth.get(), endpoints(), parts.disk.get(),
-               &memoryShares)
+               &memoryShares, uploadQuota.get())
         , table(ConnectionTable::Limits{serverOptions.maxConnections,
                                         serverOptions.maxConnectionsPerClient,
                                         serverOptions.minBodyRate})
@@ -333,7 +347,8 @@ struct Shared {
     ServerOptions options;
     ServerParts parts;
     MemoryBudget budget;
-    ClientShares memoryShares; // of the budget, held by each client key's requests
+    ClientShares memoryShares;               // of the budget, held by each client key's requests
+    std::unique_ptr<RateBudget> uploadQuota; // null when the uploads of a client are not bounded
     BodyBufferPool bodies;
     RequestGate gate;
     ConnectionTable table;

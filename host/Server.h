@@ -30,6 +30,8 @@ struct ServerOptions {
     std::uint64_t maxMemory = std::uint64_t{8} << 30;
     // What the requests of one client key may hold of it at once; 0: all of it.
     std::uint64_t maxMemoryPerClient = 0;
+    // Body bytes one client key may upload in an hour, earned back evenly; 0: no limit.
+    std::uint64_t maxUploadPerClient = 0;
     unsigned threads = 1; // IO threads
     // Threads that run service calls. Each is held for a whole upload, file writes included,
     // so this many uploads are stored at once, however many cores there are.

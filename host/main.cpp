@@ -226,6 +226,7 @@ int serve(kestrin::host::Configuration arguments) {
         std::min(options.maxMemory,
                  arguments.maxMemoryPerClient.value_or(
                      host::RequestGate::defaultClientShare(options.maxMemory, options.maxBody)));
+    options.maxUploadPerClient = arguments.maxUploadPerClient;
     // A share over the whole would read as a limit where there is none.
     if (arguments.maxMemoryPerClient && *arguments.maxMemoryPerClient > options.maxMemory) {
         say(host::LogLevel::warn,
@@ -300,11 +301,14 @@ int serve(kestrin::host::Configuration arguments) {
                 fileService->instanceId() + " (on conflict: " + arguments.onConflict +
                 "); memory " + mebibytes(options.maxMemory) + " (" +
                 mebibytes(options.maxMemoryPerClient) + " per client), bodies up to " +
-                mebibytes(options.maxBody) + ", " + std::to_string(options.maxConnections) +
-                " connections (" + std::to_string(options.maxConnectionsPerClient) +
-                " per client), " + std::to_string(options.maxFiles) + " files a request, " +
-                mebibytes(minFree.bytes) + " and " + std::to_string(minFree.files) +
-                " files of the disk kept free" +
+                mebibytes(options.maxBody) +
+                (options.maxUploadPerClient > 0
+                     ? " (" + mebibytes(options.maxUploadPerClient) + " an hour per client)"
+                     : std::string()) +
+                ", " + std::to_string(options.maxConnections) + " connections (" +
+                std::to_string(options.maxConnectionsPerClient) + " per client), " +
+                std::to_string(options.maxFiles) + " files a request, " + mebibytes(minFree.bytes) +
+                " and " + std::to_string(minFree.files) + " files of the disk kept free" +
                 (auth ? ", authentication on (password checks up to " +
                             std::to_string(arguments.authCpu) + "% of a core, " +
                             std::to_string(arguments.authCpuPerClient) + "% per client)"

@@ -453,6 +453,25 @@ class MetricsTest(OperationsTestCase):
                 self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="kept"), kept)
                 self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="in_use"), kept)
 
+class UploadQuotaTest(OperationsTestCase):
+    def test_one_clients_uploads_in_an_hour_are_held_to_its_quota_and_others_keep_theirs(self):
+        server = self.start("--max-upload-per-client", "1M")
+        serverlib.wait_for(lambda: "(1 MiB an hour per client)" in server.logged(), 10,
+                           "the start line with the quota")
+        body = body_of_size(600 << 10)
+        self.assertEqual(upload(server, body=body, source="127.0.0.2")[0], 200)
+        # 424 KiB left, earned back at 1 MiB an hour: the next 600 KiB waits about ten minutes.
+        status, fields, _ = upload(server, body=body, source="127.0.0.2")
+        self.assertEqual(status, 503)
+        self.assertGreaterEqual(int(fields["retry-after"]), 600)
+        self.assertEqual(upload(server, body=body, source="127.0.0.3")[0], 200)
+        self.assertIn("client's upload quota", server.logged())
+        samples = parse_metrics(exchange(server, b"GET", b"/metrics")[2].decode())
+        self.assertEqual(metric(samples, "kestrin_refusals_total", cause="503",
+                                reason="upload_quota"), 1)
+        self.assertEqual(server.stop(), 0)
+
+
 class AuthTest(OperationsTestCase):
     def test_password_checks_are_held_to_the_cpu_shares_given(self):
         # "right" hashed at four times the default cost: each wrong guess then takes about 100 ms

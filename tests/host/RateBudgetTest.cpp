@@ -46,6 +46,26 @@ TEST(RateBudget, takesOnlyWhatIsThereAndSaysWhoseCreditRanOut) {
     EXPECT_EQ(said(budget.take("10.0.0.1", 1, start + 2500ms)), "granted");
 }
 
+// What must be paid in advance (bytes a client uploads) is taken only when all of it is there:
+// a client with a little credit left cannot begin something of any size and owe the rest.
+TEST(RateBudget, takesWholeAmountsOnlyFromCreditThatCoversThem) {
+    const Clock::time_point start{1h};
+    RateBudget budget({/*total*/ 100, /*totalPerSecond*/ 10, /*client*/ 10,
+                       /*clientPerSecond*/ 2},
+                      start);
+    EXPECT_EQ(said(budget.takeWhole("10.0.0.1", 6, start)), "granted");
+    // Four left: six more is two seconds away, and refusing it spends nothing.
+    EXPECT_EQ(said(budget.takeWhole("10.0.0.1", 6, start)), "client 1s");
+    EXPECT_EQ(said(budget.takeWhole("10.0.0.1", 6, start + 500ms)), "client 1s");
+    EXPECT_EQ(said(budget.takeWhole("10.0.0.1", 4, start + 500ms)), "granted");
+    EXPECT_EQ(said(budget.takeWhole("10.0.0.1", 3, start + 500ms)), "client 1s");
+    EXPECT_EQ(said(budget.takeWhole("10.0.0.1", 3, start + 2s)), "granted");
+    // All of a share at once is allowed, once it is full; the pool must cover it too.
+    EXPECT_EQ(said(budget.takeWhole("10.0.0.2", 10, start + 2s)), "granted");
+    EXPECT_EQ(said(budget.takeWhole("", 100, start + 2s)), "pool 2s");
+    EXPECT_EQ(said(budget.takeWhole("", 55, start + 2s)), "granted");
+}
+
 TEST(RateBudget, forgetsOnlyClientsBackAtTheirFullShareWhileItsTableIsFull) {
     const Clock::time_point start{1h};
     RateBudget budget({100, 100, 2, 1, /*clientEntries*/ 2}, start);

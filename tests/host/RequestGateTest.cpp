@@ -321,6 +321,51 @@ TEST(RequestGate, oneClientsUploadsHoldNoMoreThanItsShareOfTheMemory) {
     EXPECT_EQ(RequestGate::defaultClientShare(needed / 2, length), needed / 2);
 }
 
+// What one client uploads in an hour is bounded: a body is let in only while what the client
+// has left covers all of it, and a refused one keeps no memory; other clients have their own.
+TEST(RequestGate, aClientsUploadsInAnHourAreHeldToItsQuota) {
+    GateSettings settings;
+    settings.uploadPerClient = 3000;
+    RateBudget quota({1e12, 1e12, 3000, 3000.0 / 3600});
+    MemoryBudget budget(1 << 20);
+    const RequestGate gate(settings, uploadDispatcher(), &budget, nullptr, {}, nullptr, nullptr,
+                           &quota);
+    const auto upload = [&](const std::string& client, const std::string& fields) {
+        Head head("POST /users HTTP/1.1\r\nHost: 127.0.0.1:8080\r\n" + fields + "\r\n");
+        return gate.decide(head.parser.get(), head.parser.content_length(), client);
+    };
+    const Verdict first = upload("10.0.0.1", "Content-Length: 2000\r\n");
+    EXPECT_EQ(first.kind, Kind::service);
+    const Verdict second = upload("10.0.0.1", "Content-Length: 2000\r\n");
+    EXPECT_EQ(second.reply.status, 503u);
+    EXPECT_EQ(second.reply.refusal, Refusal::uploadQuota);
+    // A thousand bytes short, at 3000 an hour.
+    EXPECT_EQ(header(second.reply, "Retry-After"), "1200");
+    EXPECT_EQ(budget.used(), RequestGate::chargeFor(2000));
+    EXPECT_EQ(upload("10.0.0.2", "Content-Length: 2000\r\n").kind, Kind::service);
+    // A body over the quota itself is told not to come back, and the page says so first.
+    const Verdict never = upload("10.0.0.3", "Content-Length: 3001\r\n");
+    EXPECT_EQ(never.reply.status, 413u);
+    EXPECT_EQ(never.reply.refusal, Refusal::uploadQuota);
+    EXPECT_EQ(gate.largestBody(), 3000u);
+
+    // A body without a length pays for each piece before it takes memory for it.
+    Verdict chunked = upload("10.0.0.1", "Transfer-Encoding: chunked\r\n");
+    EXPECT_EQ(chunked.kind, Kind::service);
+    common::DataBuffer body;
+    beast::error_code ec;
+    EXPECT_EQ(gate.appendChunk(body, std::string(900, 'x'), chunked, ec), 900u);
+    const std::uint64_t used = budget.used();
+    EXPECT_EQ(gate.appendChunk(body, std::string(200, 'y'), chunked, ec), 0u);
+    EXPECT_EQ(body.getSize(), 900u);
+    EXPECT_EQ(budget.used(), used);
+    const std::optional<Reply> answer = gate.onReadError(ec, RequestGate::Stage::body);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 503u);
+    EXPECT_EQ(answer->refusal, Refusal::uploadQuota);
+    EXPECT_TRUE(answer->close);
+}
+
 TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBody) {
     DiskReserve::Space free{10'000, 1'000};
     DiskReserve disk({2'000, 100}, [&free] { return std::optional<DiskReserve::Space>(free); });
