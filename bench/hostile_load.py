@@ -913,6 +913,46 @@ async def handshake_flood(ctx, row):
     row.check(good.ok, "after the attack, a good upload got %s" % good.label)
 
 
+async def upload_quota(ctx, row):
+    """One address uploads as fast as it can over four connections: what it stores stops at its
+    quota for the hour, each upload past it is refused before its body comes, and another
+    client's upload is stored at once."""
+    quota, size = 4 * MIB, 256 * 1024
+    server = ctx.start("--max-upload-per-client", "4M")
+    end = time.monotonic() + 3
+
+    async def flood(worker):
+        answers = []
+        for index in range(200):
+            if time.monotonic() > end:
+                break
+            body = small_body([(b"quota-%d-%d.bin" % (worker, index), b"q" * size)])
+            answers.append(await exchange(server.port, request_head(server.port, len(body)),
+                                          body, ATTACK_SOURCES[0]))
+        return answers
+
+    with row.measure(server):
+        floods = [asyncio.create_task(flood(worker)) for worker in range(4)]
+        await asyncio.sleep(1)
+        row.good = await good_upload(ctx, server)
+        answers = [answer for answers in await asyncio.gather(*floods) for answer in answers]
+    for answer in answers:
+        row.record(answer)
+    stored = sum(os.path.getsize(os.path.join(server.directory, name))
+                 for name in stored_names(server))
+    row.notes.append("the attacker stored %d KiB of a %d KiB quota" % (stored >> 10, quota >> 10))
+    row.check(stored <= quota, "the attacker stored %d bytes, over %d" % (stored, quota))
+    refused = sum(answer.status == 503 for answer in answers)
+    row.check(refused > 0, "nothing refused: the flood never reached the quota")
+    row.check(all(answer.status in (200, 503) for answer in answers),
+              "answers other than 200 and 503: %s" % sorted({a.label for a in answers}))
+    row.check("client's upload quota" in server.logged(), "no log line names the quota")
+    reasons = refusal_reasons(server)
+    row.check(reasons == {"upload_quota": refused}, "the metrics counted %s" % reasons)
+    row.check_good(row.good)
+    await still_serving(ctx, row, server)
+
+
 def first_line(text):
     return (text.strip().splitlines() or ["(nothing)"])[0]
 
@@ -957,6 +997,8 @@ def rows_of(form):
          disk_fill),
         ("17", "TLS handshake flood, 2 addresses", "<=%d/s each after a burst, good 200, CPU<30%%"
          % HANDSHAKES_PER_CLIENT, handshake_flood),
+        ("18", "one address uploading without end", "stores <= its 4 MiB quota, then 503+RA",
+         upload_quota),
     ]
 
 

@@ -43,7 +43,7 @@ ctest --test-dir build-asan --output-on-failure -j "$jobs" -L 'unit|concurrency'
 # handshake flood. Not the rows that bound memory use (the sanitizer's own memory is counted) nor the one that runs out of descriptors (the sanitizer
 # needs some for its own checks).
 python3 -B bench/hostile_load.py build-asan/host/kestrin-upload-server \
-    --only 1c,4,5,6,4b,8,9,10,11,12,14,15,16,17
+    --only 1c,4,5,6,4b,8,9,10,11,12,14,15,16,17,18
 unset ASAN_OPTIONS UBSAN_OPTIONS
 
 stage "ThreadSanitizer (concurrency tests)"
@@ -57,7 +57,7 @@ ctest --test-dir build-tsan --output-on-failure -L concurrency --no-tests=error
 # Sessions, timers, evictions, shares and the stop cross IO and service threads: the same
 # attacks, memory bounds aside, against the server under ThreadSanitizer.
 python3 -B bench/hostile_load.py build-tsan/host/kestrin-upload-server \
-    --only 1c,4,5,6,4b,7,8,10,11,14,15,16
+    --only 1c,4,5,6,4b,7,8,10,11,14,15,16,18
 unset TSAN_OPTIONS
 
 if compgen -G "fuzz/*Fuzz.cpp" > /dev/null; then
