@@ -57,23 +57,11 @@ std::optional<RateBudget::Refusal> RateBudget::take(const std::string& client, d
 std::optional<RateBudget::Refusal> RateBudget::takeWhole(const std::string& client, double amount,
                                                          Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(mutex);
-    // What each holds after the payment: short of zero, it must first earn that back.
-    const double left = refill(pool, limits.total, limits.totalPerSecond, now) - amount;
-    double wait = secondsToRepay(left, limits.totalPerSecond);
-    bool clientSpent = false;
-    if (!client.empty()) {
-        const double own =
-            refill(share(client, now), limits.client, limits.clientPerSecond, now) - amount;
-        clientSpent = own < 0;
-        wait = std::max(wait, secondsToRepay(own, limits.clientPerSecond));
-    }
-    if (left >= 0 && !clientSpent) {
+    std::optional<Refusal> refusal = checkLocked(client, now, amount);
+    if (!refusal) {
         spendLocked(client, amount, now);
-        return std::nullopt;
     }
-    return Refusal{std::chrono::seconds(
-                       std::max<long long>(1, static_cast<long long>(std::ceil(wait - 1e-9)))),
-                   clientSpent};
+    return refusal;
 }
 
 std::size_t RateBudget::clientsRemembered() const {
@@ -82,16 +70,18 @@ std::size_t RateBudget::clientsRemembered() const {
 }
 
 std::optional<RateBudget::Refusal> RateBudget::checkLocked(const std::string& client,
-                                                           Clock::time_point now) {
+                                                           Clock::time_point now, double whole) {
+    // In credit, and holding all of what must be paid whole.
+    const auto covers = [whole](double credit) { return credit > 0 && credit >= whole; };
     const double left = refill(pool, limits.total, limits.totalPerSecond, now);
-    double wait = secondsToRepay(left, limits.totalPerSecond);
+    double wait = secondsToRepay(left - whole, limits.totalPerSecond);
     bool clientSpent = false;
     if (!client.empty()) {
         const double own = refill(share(client, now), limits.client, limits.clientPerSecond, now);
-        clientSpent = own <= 0;
-        wait = std::max(wait, secondsToRepay(own, limits.clientPerSecond));
+        clientSpent = !covers(own);
+        wait = std::max(wait, secondsToRepay(own - whole, limits.clientPerSecond));
     }
-    if (left > 0 && !clientSpent) {
+    if (covers(left) && !clientSpent) {
         return std::nullopt;
     }
     // The epsilon keeps a debt of exactly n seconds from reading as n + 1.

@@ -67,7 +67,10 @@ private:
         Clock::time_point refilledAt;
     };
 
-    std::optional<Refusal> checkLocked(const std::string& client, Clock::time_point now);
+    // Nothing when the pool, and the share of client unless client is empty, are in credit and
+    // each holds whole.
+    std::optional<Refusal> checkLocked(const std::string& client, Clock::time_point now,
+                                       double whole = 0);
     void spendLocked(const std::string& client, double amount, Clock::time_point now);
     // The bucket's credit after refilling it up to now.
     static double refill(Bucket& bucket, double most, double perSecond, Clock::time_point now);
