@@ -31,7 +31,9 @@ double secondsToRepay(double credit, double perSecond) {
 
 RateBudget::RateBudget(const Limits& budgetLimits, Clock::time_point start)
     : limits(checked(budgetLimits))
-    , pool{budgetLimits.total, start} {}
+    , pool{budgetLimits.total, start}
+    , strangers{budgetLimits.client, start}
+    , nextSweep(start) {}
 
 std::optional<RateBudget::Refusal> RateBudget::check(const std::string& client,
                                                      Clock::time_point now) {
@@ -76,9 +78,12 @@ std::optional<RateBudget::Refusal> RateBudget::checkLocked(const std::string& cl
     const double left = refill(pool, limits.total, limits.totalPerSecond, now);
     double wait = secondsToRepay(left - whole, limits.totalPerSecond);
     bool clientSpent = false;
+    bool shared = false;
     if (!client.empty()) {
-        const double own = refill(share(client, now), limits.client, limits.clientPerSecond, now);
+        Bucket& bucket = share(client, now);
+        const double own = refill(bucket, limits.client, limits.clientPerSecond, now);
         clientSpent = !covers(own);
+        shared = clientSpent && &bucket == &strangers;
         wait = std::max(wait, secondsToRepay(own - whole, limits.clientPerSecond));
     }
     if (covers(left) && !clientSpent) {
@@ -87,7 +92,7 @@ std::optional<RateBudget::Refusal> RateBudget::checkLocked(const std::string& cl
     // The epsilon keeps a debt of exactly n seconds from reading as n + 1.
     return Refusal{std::chrono::seconds(
                        std::max<long long>(1, static_cast<long long>(std::ceil(wait - 1e-9)))),
-                   clientSpent};
+                   clientSpent, shared};
 }
 
 void RateBudget::spendLocked(const std::string& client, double amount, Clock::time_point now) {
@@ -115,13 +120,17 @@ RateBudget::Bucket& RateBudget::share(const std::string& client, Clock::time_poi
         return found->second;
     }
     if (clients.size() >= limits.clientEntries) {
+        if (now < nextSweep) {
+            return strangers;
+        }
+        nextSweep = now + std::chrono::seconds(1);
         // A client back at its full share loses nothing by being forgotten.
         for (auto it = clients.begin(); it != clients.end();) {
             const double left = refill(it->second, limits.client, limits.clientPerSecond, now);
             it = left >= limits.client ? clients.erase(it) : std::next(it);
         }
         if (clients.size() >= limits.clientEntries) {
-            clients.clear();
+            return strangers;
         }
     }
     return clients.emplace(client, Bucket{limits.client, now}).first->second;

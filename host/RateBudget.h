@@ -22,8 +22,10 @@ public:
         double totalPerSecond;  // ...and earns this much back each second
         double client;          // a client's share holds this much at most...
         double clientPerSecond; // ...and earns this much back each second
-        // Client addresses whose share is remembered; when full, those back at their full
-        // share are forgotten, and if none is, all.
+        // Client addresses whose share is remembered. When the table is full, those back at
+        // their full share are forgotten; while none is, a client not in the table pays from
+        // one share that all such clients draw from, so that new addresses cannot wipe out
+        // what the others owe.
         std::size_t clientEntries = 4096;
     };
 
@@ -33,6 +35,8 @@ public:
         std::chrono::seconds retryAfter;
         // The client's own share ran dry (not only the pool).
         bool clientSpent;
+        // The share that ran dry was the one of clients the full table leaves out.
+        bool shared = false;
     };
 
     // Full at start. Throws std::invalid_argument unless every amount and rate is positive
@@ -74,13 +78,18 @@ private:
     void spendLocked(const std::string& client, double amount, Clock::time_point now);
     // The bucket's credit after refilling it up to now.
     static double refill(Bucket& bucket, double most, double perSecond, Clock::time_point now);
-    // The share of client, made full if new.
+    // The share of client, made full if new; the strangers' share if the table has no room.
     Bucket& share(const std::string& client, Clock::time_point now);
 
     const Limits limits;
     mutable std::mutex mutex;
     Bucket pool;
     std::unordered_map<std::string, Bucket> clients;
+    // What clients left out of the full table spend, all of them together.
+    Bucket strangers;
+    // A full table is searched for clients to forget at most once a second, so that a spray
+    // of new addresses cannot make every request walk the whole table.
+    Clock::time_point nextSweep;
 };
 
 } // namespace kestrin::host

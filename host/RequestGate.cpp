@@ -454,8 +454,11 @@ std::optional<Reply> RequestGate::quotaRefusal(std::uint64_t length,
     Reply reply = refuse(503,
                          "Service Unavailable: this client has uploaded all it may for now; "
                          "retry later",
-                         "client's upload quota: " + std::to_string(length) +
-                             " bytes more than it has left of " + std::to_string(most) + " an hour",
+                         std::string(refused->shared ? "upload quota shared by the clients past "
+                                                       "the full table: "
+                                                     : "client's upload quota: ") +
+                             std::to_string(length) + " bytes more than it has left of " +
+                             std::to_string(most) + " an hour",
                          Refusal::uploadQuota);
     reply.headers.emplace_back("Retry-After", std::to_string(refused->retryAfter.count()));
     return reply;

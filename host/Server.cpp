@@ -1469,7 +1469,9 @@ private:
         if (shared->secure) {
             if (const auto refused = shared->handshakes.take(client, 1, Clock::now())) {
                 shared->events.count(EventLog::tlsThrottled,
-                                     refused->clientSpent ? client : "all clients");
+                                     refused->shared        ? "clients past the full table"
+                                     : refused->clientSpent ? client
+                                                            : "all clients");
                 shared->metrics.refused(503, refusalLabel(Refusal::tlsHandshakes));
                 beast::error_code ignored;
                 socket.close(ignored);

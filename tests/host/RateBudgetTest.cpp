@@ -66,18 +66,33 @@ TEST(RateBudget, takesWholeAmountsOnlyFromCreditThatCoversThem) {
     EXPECT_EQ(said(budget.takeWhole("", 55, start + 2s)), "granted");
 }
 
-TEST(RateBudget, forgetsOnlyClientsBackAtTheirFullShareWhileItsTableIsFull) {
+// Addresses are cheap: a client that sprays new ones must neither wipe out what the others owe
+// nor get a share of its own for each one.
+TEST(RateBudget, aFullTableForgetsOnlyFullSharesAndPutsNewcomersOnOneShare) {
     const Clock::time_point start{1h};
     RateBudget budget({100, 100, 2, 1, /*clientEntries*/ 2}, start);
     budget.spend("debtor", 5, start);
-    EXPECT_FALSE(budget.take("once", 1, start));
-    // A third client makes room: "once" earned its unit back, "debtor" did not and stays.
-    EXPECT_FALSE(budget.take("new", 1, start + 1s));
+    EXPECT_FALSE(budget.take("once", 0.5, start));
+    // Both owe: a third client draws from the newcomers' share, and the debts stand.
+    EXPECT_EQ(said(budget.take("early", 2, start)), "granted");
     EXPECT_EQ(budget.clientsRemembered(), 2U);
-    EXPECT_EQ(said(budget.check("debtor", start + 1s)), "client 2s");
-    // With every share in use, the table starts over rather than grow.
-    EXPECT_FALSE(budget.take("another", 1, start + 1s));
-    EXPECT_EQ(budget.clientsRemembered(), 1U);
+    EXPECT_EQ(said(budget.check("debtor", start)), "client 3s");
+    // A second later, a fourth client makes room: "once" earned its half unit back, "debtor" did
+    // not and stays.
+    EXPECT_FALSE(budget.take("new", 0.5, start + 1s));
+    EXPECT_EQ(budget.clientsRemembered(), 2U);
+    // Within a second of that search the table is not searched again, though "new" is back at
+    // its full share: newcomers go on drawing from one share together.
+    EXPECT_EQ(said(budget.take("another", 2, start + 1500ms)), "granted");
+    const auto refused = budget.take("third", 1, start + 1500ms);
+    EXPECT_EQ(said(refused), "client 1s");
+    EXPECT_TRUE(refused && refused->shared);
+    EXPECT_EQ(said(budget.check("debtor", start + 1500ms)), "client 2s");
+    // The next search forgets "new" and remembers "third" with a share of its own; the debt
+    // still stands.
+    EXPECT_EQ(said(budget.take("third", 1, start + 2500ms)), "granted");
+    EXPECT_EQ(budget.clientsRemembered(), 2U);
+    EXPECT_EQ(said(budget.check("debtor", start + 2500ms)), "client 1s");
 
     for (const RateBudget::Limits broken :
          {RateBudget::Limits{0, 1, 1, 1}, RateBudget::Limits{1, -1, 1, 1},
