@@ -953,6 +953,60 @@ async def upload_quota(ctx, row):
     await still_serving(ctx, row, server)
 
 
+async def address_spray(ctx, row):
+    """Addresses are cheap: more of them than the quota's table remembers each upload once. The
+    ones past the table share one quota, the debts of the remembered ones stand, and a client
+    known before the spray keeps its own quota."""
+    quota, size, table, past = 4096, 3000, 4096, 120
+    server = ctx.start("--max-upload-per-client", "4K")
+    sources = ["127.1.%d.%d" % (index // 250, index % 250 + 1) for index in range(table + past)]
+    known = await exchange(server.port, *upload_of(server, b"known-1.bin", 1000))
+    row.check(known.status == 200, "the known client's first upload got %s" % known.label)
+    end = time.monotonic() + 90
+    pending = iter(enumerate(sources))
+    answers = [None] * len(sources)
+
+    async def spray():
+        for index, source in pending:
+            if time.monotonic() > end:
+                return
+            answers[index] = await exchange(
+                server.port, *upload_of(server, b"spray-%d.bin" % index, size), source)
+
+    with row.measure(server):
+        await asyncio.gather(*(spray() for _ in range(32)))
+    sent = [answer for answer in answers if answer is not None]
+    row.check(len(sent) == len(sources), "the spray ran out of time after %d" % len(sent))
+    for answer in sent:
+        row.record(answer)
+    # What every address owes is far from paid back within the row: the first ones stay refused.
+    again = [await exchange(server.port, *upload_of(server, b"again-%d.bin" % index, size), source)
+             for index, source in enumerate(sources[:4])]
+    for answer in again:
+        row.record(answer)
+    stored = sum(answer.status == 200 for answer in sent)
+    row.notes.append("%d addresses stored %d uploads; the first four again: %s"
+                     % (len(sent), stored, " ".join(answer.label for answer in again)))
+    row.check(stored <= table + 1, "%d uploads stored, over %d" % (stored, table + 1))
+    row.check(all(answer.label == "503" for answer in again),
+              "an address seen before uploaded again: its debt was forgotten")
+    row.check(all(answer.status in (200, 503) for answer in sent),
+              "answers other than 200 and 503: %s" % sorted({a.label for a in sent}))
+    row.check("the full table" in server.logged(), "no log line names the shared quota")
+    refused = sum(answer.status == 503 for answer in sent + again)
+    reasons = refusal_reasons(server)
+    row.check(reasons == {"upload_quota": refused}, "the metrics counted %s" % reasons)
+    known = await exchange(server.port, *upload_of(server, b"known-2.bin", 1000))
+    row.check(known.status == 200, "the known client's second upload got %s" % known.label)
+    row.check(server.process.poll() is None, "server died (exit %s)" % server.process.poll())
+
+
+def upload_of(server, name, size):
+    """(head, body) of one upload of a file of size bytes."""
+    body = small_body([(name, b"s" * size)])
+    return request_head(server.port, len(body)), body
+
+
 def first_line(text):
     return (text.strip().splitlines() or ["(nothing)"])[0]
 
@@ -999,6 +1053,8 @@ def rows_of(form):
          % HANDSHAKES_PER_CLIENT, handshake_flood),
         ("18", "one address uploading without end", "stores <= its 4 MiB quota, then 503+RA",
          upload_quota),
+        ("18b", "4,216 addresses, one upload each", "<=4,097 stored; debts stand; known 200",
+         address_spray),
     ]
 
 
