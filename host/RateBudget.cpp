@@ -66,6 +66,17 @@ std::optional<RateBudget::Refusal> RateBudget::takeWhole(const std::string& clie
     return refusal;
 }
 
+void RateBudget::giveBack(const std::string& client, double amount, Clock::time_point now) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    pool.credit =
+        std::min(limits.total, refill(pool, limits.total, limits.totalPerSecond, now) + amount);
+    if (!client.empty()) {
+        Bucket& own = share(client, now);
+        own.credit = std::min(limits.client,
+                              refill(own, limits.client, limits.clientPerSecond, now) + amount);
+    }
+}
+
 std::size_t RateBudget::clientsRemembered() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return clients.size();

@@ -63,6 +63,10 @@ public:
     [[nodiscard]] std::optional<Refusal> takeWhole(const std::string& client, double amount,
                                                    Clock::time_point now);
 
+    // Gives back amount that a take charged for work then not done, to the pool and to the
+    // share of client unless client is empty, neither past what it holds at most.
+    void giveBack(const std::string& client, double amount, Clock::time_point now);
+
     std::size_t clientsRemembered() const;
 
 private:

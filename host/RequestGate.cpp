@@ -537,13 +537,22 @@ Reply RequestGate::timedOut(Stage stage) const {
 
 std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view piece,
                                      Verdict& verdict, boost::beast::error_code& ec) const {
-    // Paid before anything else: a client past its quota takes no memory or disk with it.
-    if (quota != nullptr && !verdict.quotaClient.empty() && !piece.empty() &&
+    // Paid before anything else, so that a client past its quota takes no memory or disk with
+    // it; given back if the memory or the disk then refuse the piece, which is never stored.
+    const bool pays = quota != nullptr && !verdict.quotaClient.empty() && !piece.empty();
+    if (pays &&
         quota->takeWhole(verdict.quotaClient, static_cast<double>(piece.size()), Clock::now())) {
         ec = boost::system::errc::make_error_code(
             boost::system::errc::resource_unavailable_try_again);
         return 0;
     }
+    const auto refused = [&](boost::system::errc::errc_t why) -> std::size_t {
+        if (pays) {
+            quota->giveBack(verdict.quotaClient, static_cast<double>(piece.size()), Clock::now());
+        }
+        ec = boost::system::errc::make_error_code(why);
+        return 0;
+    };
     MemoryBudget::Reservation& charge = verdict.charge;
     const std::size_t needed = body.getSize() + piece.size();
     if (needed > body.getCapacity()) {
@@ -556,13 +565,11 @@ std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view 
         ClientShares::Hold& share = verdict.share;
         const std::uint64_t shared = share.amount();
         if (share.counted() && due > shared && !share.grow(due - shared)) {
-            ec = boost::system::errc::make_error_code(boost::system::errc::value_too_large);
-            return 0;
+            return refused(boost::system::errc::value_too_large);
         }
         if (budget != nullptr && due > charged && !charge.grow(due - charged)) {
             share.shrink(share.amount() - shared);
-            ec = boost::system::errc::make_error_code(boost::system::errc::file_too_large);
-            return 0;
+            return refused(boost::system::errc::file_too_large);
         }
         const DiskReserve::Space held = verdict.disk.held();
         const std::uint64_t files = DiskReserve::filesIn(capacity, settings.maxFiles);
@@ -571,14 +578,12 @@ std::size_t RequestGate::appendChunk(common::DataBuffer& body, std::string_view 
         if ((more.bytes > 0 || more.files > 0) && !verdict.disk.grow(more)) {
             charge.shrink(charge.bytes() - charged);
             share.shrink(share.amount() - shared);
-            ec = boost::system::errc::make_error_code(boost::system::errc::no_space_on_device);
-            return 0;
+            return refused(boost::system::errc::no_space_on_device);
         }
         try {
             body.reserve(capacity);
         } catch (const std::runtime_error&) {
-            ec = boost::system::errc::make_error_code(boost::system::errc::not_enough_memory);
-            return 0;
+            return refused(boost::system::errc::not_enough_memory);
         }
     }
     body.append(reinterpret_cast<const std::uint8_t*>(piece.data()), piece.size());

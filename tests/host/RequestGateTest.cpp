@@ -364,6 +364,17 @@ TEST(RequestGate, aClientsUploadsInAnHourAreHeldToItsQuota) {
     EXPECT_EQ(answer->status, 503u);
     EXPECT_EQ(answer->refusal, Refusal::uploadQuota);
     EXPECT_TRUE(answer->close);
+
+    // A piece the memory refuses is never stored, and costs the client none of its quota.
+    MemoryBudget small(RequestGate::chargeFor(1000));
+    const RequestGate tight(settings, uploadDispatcher(), &small, nullptr, {}, nullptr, nullptr,
+                            &quota);
+    Head head("POST /users HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nTransfer-Encoding: chunked\r\n\r\n");
+    Verdict large = tight.decide(head.parser.get(), head.parser.content_length(), "10.0.0.4");
+    common::DataBuffer refusedBody;
+    EXPECT_EQ(tight.appendChunk(refusedBody, std::string(2000, 'z'), large, ec), 0u);
+    EXPECT_EQ(ec, boost::system::errc::file_too_large);
+    EXPECT_FALSE(quota.takeWhole("10.0.0.4", 3000, RateBudget::Clock::now()));
 }
 
 TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBody) {
