@@ -1,6 +1,6 @@
 #include "file_upload/HeaderBlock.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace kestrin::file_upload::v1 {
 
@@ -18,24 +18,22 @@ std::string_view trimBlanks(std::string_view text) {
 }
 
 void assignWithoutQuotes(std::string& out, std::string_view text) {
-    out.clear();
-    for (;;) {
-        const void* quote = std::memchr(text.data(), '"', text.size());
-        if (quote == nullptr) {
-            out.append(text);
-            return;
-        }
-        const size_t at = static_cast<size_t>(static_cast<const char*>(quote) - text.data());
-        out.append(text.substr(0, at));
-        text.remove_prefix(at + 1);
-    }
+    // One pass over text: values are short, and a search per quote costs more than it skips.
+    out.resize(text.size());
+    const auto end = std::remove_copy(text.begin(), text.end(), out.begin(), '"');
+    out.resize(static_cast<size_t>(end - out.begin()));
 }
 
 bool findLastParameter(std::string_view block, std::string_view key, std::string& value,
                        std::string& scratch) {
     bool found = false;
     forEachHeaderParameter(block, [&](std::string_view fieldKey, std::string_view fieldValue) {
-        if (fieldKey.find('"') != std::string_view::npos) {
+        // Removing quotes only shortens a key, and key holds none: a shorter one never
+        // matches, and one of the same length matches only as it is.
+        if (fieldKey.size() < key.size()) {
+            return;
+        }
+        if (fieldKey.size() > key.size() && fieldKey.find('"') != std::string_view::npos) {
             assignWithoutQuotes(scratch, fieldKey);
             fieldKey = scratch;
         }
