@@ -1007,6 +1007,52 @@ def upload_of(server, name, size):
     return request_head(server.port, len(body)), body
 
 
+async def page_flood(ctx, row):
+    """One address asks for the health page over four kept connections as fast as it can: the
+    log keeps a few of its lines and counts the rest, and an upload's line is still written."""
+    server = ctx.start()
+    seconds = min(ctx.form.flood_seconds, 5)
+    end = time.monotonic() + seconds
+    request = b"GET /healthz HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n\r\n" % server.port
+
+    async def asker():
+        reader, writer = await asyncio.open_connection(
+            "127.0.0.1", server.port, local_addr=(ATTACK_SOURCES[0], 0))
+        statuses = Counter()
+        try:
+            while time.monotonic() < end:
+                writer.write(request)
+                head = await reader.readuntil(b"\r\n\r\n")
+                length = re.search(rb"(?i)content-length: *(\d+)", head)
+                await reader.readexactly(int(length.group(1)) if length else 0)
+                statuses[head.split(b" ", 2)[1].decode()] += 1
+        except (OSError, asyncio.IncompleteReadError) as error:
+            statuses[type(error).__name__] += 1
+        finally:
+            writer.close()
+        return statuses
+
+    with row.measure(server) as meter:
+        askers = [asyncio.create_task(asker()) for _ in range(4)]
+        await asyncio.sleep(1)
+        row.good = await good_upload(ctx, server)
+        for statuses in await asyncio.gather(*askers):
+            row.answers.update(statuses)
+    asked = sum(row.answers.values())
+    row.notes.append("%d requests in %d s" % (asked, seconds))
+    row.check(set(row.answers) == {"200"}, "answers other than 200: %s" % dict(row.answers))
+    row.check_good(row.good)
+    log_bound = 64 * 1024
+    row.check(meter.log_bytes <= log_bound, "log %s > %s for %d requests" % (
+        human_bytes(meter.log_bytes), human_bytes(log_bound), asked))
+    logged = server.logged()
+    row.check("good-%d.bin" % ctx.good_count in logged, "the good upload's line is missing")
+    with contextlib.suppress(AssertionError):  # the count is written once a second
+        serverlib.wait_for(lambda: "answers not logged" in server.logged(), 3, "the count")
+    row.check("answers not logged one by one" in server.logged(), "no count of the lines left out")
+    await still_serving(ctx, row, server)
+
+
 def first_line(text):
     return (text.strip().splitlines() or ["(nothing)"])[0]
 
@@ -1055,6 +1101,8 @@ def rows_of(form):
          upload_quota),
         ("18b", "4,216 addresses, one upload each", "<=4,097 stored; debts stand; known 200",
          address_spray),
+        ("19", "health page flood, one address", "log<64K, upload logged, good <1s",
+         page_flood),
     ]
 
 

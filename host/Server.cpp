@@ -113,6 +113,7 @@ public:
         tlsFailed,
         tlsThrottled,
         renegotiationRefused,
+        answerNotLogged,
         kinds
     };
 
@@ -144,7 +145,8 @@ public:
             "refused requests not logged one by one",
             "TLS handshakes failed",
             "TLS handshakes refused: over their rate",
-            "TLS renegotiations refused"};
+            "TLS renegotiations refused",
+            "answers not logged one by one: a client over its lines a second"};
         std::string line;
         for (int kind = 0; kind < kinds; ++kind) {
             const std::uint64_t n = counts[kind].exchange(0, std::memory_order_relaxed);
@@ -176,9 +178,19 @@ public:
         return ++refusalLines <= refusalLinesPerSecond;
     }
 
+    // Whether the answer to a request of the server's own pages from this client key gets its
+    // line. Those pages cost a client next to nothing to ask for, so past a few a second its
+    // lines are counted, not written: a log line costs disk that no upload budget covers.
+    bool mayLogAnswer(const std::string& key) {
+        return !answerLines.take(key, 1, RateBudget::Clock::now());
+    }
+
     const AccessLog log;
 
 private:
+    // A hundred lines at once and ten a second for each client; all clients together a
+    // thousand at once and two hundred a second.
+    RateBudget answerLines{RateBudget::Limits{1000, 200, 100, 10}};
     std::array<std::atomic<std::uint64_t>, kinds> counts{};
     std::int64_t refusalSecond = 0;
     int refusalLines = 0;
@@ -1236,8 +1248,15 @@ private:
     }
 
     void logRequest(const Reply& reply) {
-        if (reply.status >= 400 && !shared->events.mayLogRefusal()) {
-            shared->events.count(EventLog::refusalNotLogged);
+        // Every upload the service answered gets its line; a flood of refusals, or of requests
+        // for the server's own pages, is counted instead.
+        if (reply.status >= 400) {
+            if (!shared->events.mayLogRefusal()) {
+                shared->events.count(EventLog::refusalNotLogged);
+                return;
+            }
+        } else if (!fromService && !shared->events.mayLogAnswer(originShares)) {
+            shared->events.count(EventLog::answerNotLogged, origin.empty() ? client : origin);
             return;
         }
         // A refusal from the service is its result page: its message is the reason.
