@@ -500,6 +500,9 @@ std::string DiskFileService::moveIntoPlace(int descriptor, const std::string& te
         }
         throw SystemFailure("Cannot store " + name, error);
     }
+    // Set once the numbers from the hint on are all taken: then every number is tried, from
+    // 1, before the upload is refused, as files below the hint may have gone since.
+    bool fromHint = false;
     for (unsigned attempt = 0;; ++attempt) {
         const std::string candidate = attempt == 0 ? name : numberedName(name, attempt);
         if (candidate.size() > maxNameBytes) {
@@ -510,6 +513,13 @@ std::string DiskFileService::moveIntoPlace(int descriptor, const std::string& te
         }
         const int error = nameWithoutReplacing(descriptor, temp, directory + "/" + candidate);
         if (error == 0) {
+            if (attempt > 0) {
+                const std::lock_guard<std::mutex> lock(renameHints.mutex);
+                if (renameHints.last.size() >= RenameHints::most) {
+                    renameHints.last.clear();
+                }
+                renameHints.last[name] = attempt;
+            }
             return candidate;
         }
         if (error != EEXIST) {
@@ -518,6 +528,20 @@ std::string DiskFileService::moveIntoPlace(int descriptor, const std::string& te
         if (conflictPolicy != ConflictPolicy::rename) {
             throw std::runtime_error("Refused file '" + name +
                                      "': a file of that name already exists");
+        }
+        if (attempt == 0) {
+            const std::lock_guard<std::mutex> lock(renameHints.mutex);
+            const auto hint = renameHints.last.find(name);
+            if (hint != renameHints.last.end() && hint->second < maxRenameAttempts) {
+                attempt = hint->second; // the loop goes on with the number after it
+                fromHint = true;
+            }
+            continue;
+        }
+        if (attempt == maxRenameAttempts && fromHint) {
+            attempt = 0;
+            fromHint = false;
+            continue;
         }
         if (attempt == maxRenameAttempts) {
             throw std::runtime_error("Refused file '" + name + "': a file of that name exists, " +

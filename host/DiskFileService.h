@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 namespace kestrin::host {
@@ -135,6 +136,15 @@ private:
     DirectorySync syncDirectory;
     ConflictPolicy conflictPolicy;
     MoveFile moveFile;
+    // ConflictPolicy::rename: for each name recently stored under a number, the last number it
+    // took. The next copy starts there instead of trying every number below, which made the
+    // n-th copy of one name cost n attempts. Only a hint: names are still taken in one step.
+    struct RenameHints {
+        static constexpr std::size_t most = 4096; // forgotten all at once past this
+        std::mutex mutex;
+        std::unordered_map<std::string, unsigned> last;
+    };
+    mutable RenameHints renameHints;
     std::unique_ptr<InstanceOwner> owner; // released after the writers have stopped
     bool fixPermissions = true;           // the umask takes bits of 0644 from new files
     // How a file being written is made: unnamed, and linked to its name by its descriptor or

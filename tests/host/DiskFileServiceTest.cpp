@@ -595,6 +595,35 @@ TEST_F(DiskFileServiceTest, renameNumbersBeforeTheExtensionWithinTheLongestNameA
     EXPECT_EQ(names(uploads).size(), 2 * std::size(cases) - 1 + 1001);
 }
 
+// The n-th copy of one name takes two attempts, not n; numbers freed below the last one taken
+// are used once those above it run out.
+TEST_F(DiskFileServiceTest, renamedCopiesOfANameStartAfterTheLastNumberTaken) {
+    unsigned moves = 0;
+    DiskFileService service(uploads.string(), 1, {}, ConflictPolicy::rename,
+                            [&](const char* from, const char* to, unsigned flags) {
+                                ++moves;
+                                return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, flags);
+                            });
+    for (unsigned i = 0; i <= 40; ++i) {
+        ASSERT_EQ(outcome(write(service, in("copy.txt"), "x")),
+                  i == 0 ? "copy.txt" : "copy (" + std::to_string(i) + ").txt");
+    }
+    EXPECT_EQ(moves, 1u + 40 * 2);
+
+    std::ofstream(uploads / "f.txt") << "old";
+    for (unsigned i = 1; i <= DiskFileService::maxRenameAttempts; ++i) {
+        if (i != 500) {
+            std::ofstream(uploads / ("f (" + std::to_string(i) + ").txt")) << "old";
+        }
+    }
+    EXPECT_EQ(outcome(write(service, in("f.txt"), "new")), "f (500).txt");
+    std::filesystem::remove(uploads / "f (7).txt");
+    EXPECT_EQ(outcome(write(service, in("f.txt"), "new")), "f (7).txt");
+    EXPECT_EQ(outcome(write(service, in("f.txt"), "new")),
+              "Refused file 'f.txt': a file of that name exists, and so do its numbered names "
+              "up to (1000)");
+}
+
 // What the server logs as its own errors: a system call's failure, with the file, the
 // directory and the cause. The client is told what it was always told.
 TEST_F(DiskFileServiceTest, aScopeReportsWhatItStoredAndOnlyTheServersOwnFailures) {
