@@ -284,10 +284,15 @@ def stored_names(server):
             if not entry.name.startswith(("good-", serverlib.OWNER_PREFIX))]
 
 
-def refusal_reasons(server):
-    """What the server's metrics count its refusals under: {reason: count}."""
-    connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10,
-                                            source_address=(GOOD_SOURCE, 0))
+def refusal_reasons(server, context=None):
+    """What the server's metrics count its refusals under: {reason: count}. Over TLS with a
+    context."""
+    if context is None:
+        connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10,
+                                                source_address=(GOOD_SOURCE, 0))
+    else:
+        connection = http.client.HTTPSConnection("127.0.0.1", server.port, timeout=10,
+                                                 source_address=(GOOD_SOURCE, 0), context=context)
     try:
         connection.request("GET", "/metrics")
         text = connection.getresponse().read().decode()
@@ -906,6 +911,11 @@ async def handshake_flood(ctx, row):
         serverlib.wait_for(lambda: "TLS handshakes refused" in server.logged(), 5, "the count")
     row.check("TLS handshakes refused: over their rate" in server.logged(),
               "no log line for the refused handshakes")
+    # Each refusal is counted under its reason; a client may also have failed for its own.
+    reasons = refusal_reasons(server, context)
+    counted = reasons.get("tls_handshakes", 0)
+    row.check(set(reasons) == {"tls_handshakes"} and 0 < counted <= sum(refused.values()),
+              "the metrics counted %s for %d closed" % (reasons, sum(refused.values())))
     row.check_good(row.good)
     if meter.cpu_percent is not None:
         row.check(meter.cpu_percent < 30, "CPU %.0f%% >= 30%%" % meter.cpu_percent, timing=True)
