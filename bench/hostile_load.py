@@ -1018,14 +1018,15 @@ def upload_of(server, name, size):
 
 
 async def page_flood(ctx, row):
-    """One address asks for the health page over four kept connections as fast as it can: the
-    log keeps a few of its lines and counts the rest, and an upload's line is still written."""
+    """One address asks for the health page and for a page that is not there over four kept
+    connections as fast as it can: the log keeps a few of its lines and counts the rest, an
+    upload's line is still written, and so is another client's refusal."""
     server = ctx.start()
     seconds = min(ctx.form.flood_seconds, 5)
     end = time.monotonic() + seconds
-    request = b"GET /healthz HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n\r\n" % server.port
 
-    async def asker():
+    async def asker(path):
+        request = b"GET %s HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n\r\n" % (path, server.port)
         reader, writer = await asyncio.open_connection(
             "127.0.0.1", server.port, local_addr=(ATTACK_SOURCES[0], 0))
         statuses = Counter()
@@ -1043,20 +1044,26 @@ async def page_flood(ctx, row):
         return statuses
 
     with row.measure(server) as meter:
-        askers = [asyncio.create_task(asker()) for _ in range(4)]
+        askers = [asyncio.create_task(asker(path))
+                  for path in (b"/healthz", b"/healthz", b"/nowhere", b"/nowhere")]
         await asyncio.sleep(1)
         row.good = await good_upload(ctx, server)
+        missing = await exchange(server.port, b"GET /good-missing HTTP/1.1\r\nHost: x\r\n"
+                                 b"Connection: close\r\n\r\n")
         for statuses in await asyncio.gather(*askers):
             row.answers.update(statuses)
     asked = sum(row.answers.values())
     row.notes.append("%d requests in %d s" % (asked, seconds))
-    row.check(set(row.answers) == {"200"}, "answers other than 200: %s" % dict(row.answers))
+    row.check(set(row.answers) == {"200", "404"}, "answers other than 200 and 404: %s"
+              % dict(row.answers))
+    row.check(missing.status == 404, "the other client's request got %s" % missing.label)
     row.check_good(row.good)
     log_bound = 64 * 1024
     row.check(meter.log_bytes <= log_bound, "log %s > %s for %d requests" % (
         human_bytes(meter.log_bytes), human_bytes(log_bound), asked))
     logged = server.logged()
     row.check("good-%d.bin" % ctx.good_count in logged, "the good upload's line is missing")
+    row.check("/good-missing" in logged, "the other client's refusal has no line")
     with contextlib.suppress(AssertionError):  # the count is written once a second
         serverlib.wait_for(lambda: "answers not logged" in server.logged(), 3, "the count")
     row.check("answers not logged one by one" in server.logged(), "no count of the lines left out")
@@ -1111,7 +1118,7 @@ def rows_of(form):
          upload_quota),
         ("18b", "4,216 addresses, one upload each", "<=4,097 stored; debts stand; known 200",
          address_spray),
-        ("19", "health page flood, one address", "log<64K, upload logged, good <1s",
+        ("19", "page flood, one address", "log<64K; upload, other's 404 logged",
          page_flood),
     ]
 

@@ -120,10 +120,6 @@ public:
     explicit EventLog(LogFormat format)
         : log(format) {}
 
-    // Lines of refused requests each second; past that a flood of refusals is counted, not
-    // written line by line.
-    static constexpr int refusalLinesPerSecond = 50;
-
     void count(Kind kind, std::string detail = {}) {
         counts[kind].fetch_add(1, std::memory_order_relaxed);
         if (!detail.empty()) {
@@ -166,21 +162,14 @@ public:
         }
     }
 
-    bool mayLogRefusal() {
-        const auto second =
-            std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch())
-                .count();
-        std::lock_guard<std::mutex> guard(mutex);
-        if (second != refusalSecond) {
-            refusalSecond = second;
-            refusalLines = 0;
-        }
-        return ++refusalLines <= refusalLinesPerSecond;
+    // Whether a refused request from this client key gets its line, and whether the answer to
+    // a request of the server's own pages does. Both cost a client next to nothing to cause, and
+    // a line costs disk that no upload budget covers, so past a few a second they are counted,
+    // not written. Each client has a share of its own, so that one flooding client cannot
+    // silence the lines of the others.
+    bool mayLogRefusal(const std::string& key) {
+        return !refusalLines.take(key, 1, RateBudget::Clock::now());
     }
-
-    // Whether the answer to a request of the server's own pages from this client key gets its
-    // line. Those pages cost a client next to nothing to ask for, so past a few a second its
-    // lines are counted, not written: a log line costs disk that no upload budget covers.
     bool mayLogAnswer(const std::string& key) {
         return !answerLines.take(key, 1, RateBudget::Clock::now());
     }
@@ -188,12 +177,12 @@ public:
     const AccessLog log;
 
 private:
-    // A hundred lines at once and ten a second for each client; all clients together a
-    // thousand at once and two hundred a second.
+    // Refusals: twenty lines at once and five a second for each client; all clients together
+    // two hundred at once and fifty a second. Answers: a hundred at once and ten a second for
+    // each; a thousand and two hundred for all.
+    RateBudget refusalLines{RateBudget::Limits{200, 50, 20, 5}};
     RateBudget answerLines{RateBudget::Limits{1000, 200, 100, 10}};
     std::array<std::atomic<std::uint64_t>, kinds> counts{};
-    std::int64_t refusalSecond = 0;
-    int refusalLines = 0;
     std::mutex mutex;
     std::array<std::string, kinds> details;
 };
@@ -1251,8 +1240,8 @@ private:
         // Every upload the service answered gets its line; a flood of refusals, or of requests
         // for the server's own pages, is counted instead.
         if (reply.status >= 400) {
-            if (!shared->events.mayLogRefusal()) {
-                shared->events.count(EventLog::refusalNotLogged);
+            if (!shared->events.mayLogRefusal(originShares)) {
+                shared->events.count(EventLog::refusalNotLogged, origin.empty() ? client : origin);
                 return;
             }
         } else if (!fromService && !shared->events.mayLogAnswer(originShares)) {
