@@ -61,6 +61,22 @@ std::string clientKey(const ip::address& address) {
     return ip::address_v6(prefix).to_string() + "/64";
 }
 
+std::string siteOf(std::string_view key) {
+    constexpr std::string_view suffix = "/64";
+    if (key.size() <= suffix.size() || key.substr(key.size() - suffix.size()) != suffix) {
+        return {};
+    }
+    boost::system::error_code ec;
+    const ip::address_v6 prefix =
+        ip::make_address_v6(std::string(key.substr(0, key.size() - suffix.size())), ec);
+    if (ec) {
+        return {};
+    }
+    ip::address_v6::bytes_type site = prefix.to_bytes();
+    std::fill(site.begin() + 6, site.end(), 0);
+    return ip::address_v6(site).to_string() + "/48";
+}
+
 void TrustedProxies::add(std::string_view network) {
     const std::size_t slash = network.find('/');
     const std::string address(network.substr(0, slash));

@@ -18,6 +18,12 @@ namespace kestrin::host {
 // client would have more shares than there are seconds in a year.
 std::string clientKey(const boost::asio::ip::address& address);
 
+// The /48 that the /64 of an IPv6 client key belongs to, as "2001:db8:1::/48": a site is
+// commonly given a whole /48 and may hand out its 65,536 /64s at will, so that each of them
+// having a share of its own would leave a site's clients unbounded together. Empty for an
+// IPv4 key and for anything that is no IPv6 key: those belong to no site.
+std::string siteOf(std::string_view clientKey);
+
 // The proxies (load balancers) whose word the server takes for where a request came from.
 class TrustedProxies {
 public:

@@ -1,5 +1,7 @@
 #include "host/RateBudget.h"
 
+#include "host/ClientKey.h"
+
 #include <algorithm>
 #include <cmath>
 #include <iterator>
@@ -15,7 +17,8 @@ bool positive(double value) {
 
 const RateBudget::Limits& checked(const RateBudget::Limits& limits) {
     if (!positive(limits.total) || !positive(limits.totalPerSecond) || !positive(limits.client) ||
-        !positive(limits.clientPerSecond) || limits.clientEntries == 0) {
+        !positive(limits.clientPerSecond) || limits.clientEntries == 0 ||
+        !std::isfinite(limits.siteShares) || limits.siteShares < 1) {
         throw std::invalid_argument("a budget, its share per client and their refills must be "
                                     "positive");
     }
@@ -38,20 +41,21 @@ RateBudget::RateBudget(const Limits& budgetLimits, Clock::time_point start)
 std::optional<RateBudget::Refusal> RateBudget::check(const std::string& client,
                                                      Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(mutex);
-    return checkLocked(client, now);
+    return checkLocked(sharesOf(client, now), now);
 }
 
 void RateBudget::spend(const std::string& client, double amount, Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(mutex);
-    spendLocked(client, amount, now);
+    spendLocked(sharesOf(client, now), amount, now);
 }
 
 std::optional<RateBudget::Refusal> RateBudget::take(const std::string& client, double amount,
                                                     Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(mutex);
-    std::optional<Refusal> refusal = checkLocked(client, now);
+    const Shares shares = sharesOf(client, now);
+    std::optional<Refusal> refusal = checkLocked(shares, now);
     if (!refusal) {
-        spendLocked(client, amount, now);
+        spendLocked(shares, amount, now);
     }
     return refusal;
 }
@@ -59,9 +63,10 @@ std::optional<RateBudget::Refusal> RateBudget::take(const std::string& client, d
 std::optional<RateBudget::Refusal> RateBudget::takeWhole(const std::string& client, double amount,
                                                          Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(mutex);
-    std::optional<Refusal> refusal = checkLocked(client, now, amount);
+    const Shares shares = sharesOf(client, now);
+    std::optional<Refusal> refusal = checkLocked(shares, now, amount);
     if (!refusal) {
-        spendLocked(client, amount, now);
+        spendLocked(shares, amount, now);
     }
     return refusal;
 }
@@ -70,10 +75,11 @@ void RateBudget::giveBack(const std::string& client, double amount, Clock::time_
     const std::lock_guard<std::mutex> lock(mutex);
     pool.credit =
         std::min(limits.total, refill(pool, limits.total, limits.totalPerSecond, now) + amount);
-    if (!client.empty()) {
-        Bucket& own = share(client, now);
-        own.credit = std::min(limits.client,
-                              refill(own, limits.client, limits.clientPerSecond, now) + amount);
+    const Shares shares = sharesOf(client, now);
+    for (Bucket* bucket : {shares.own, shares.site}) {
+        if (bucket != nullptr) {
+            bucket->credit = std::min(mostOf(*bucket), refill(*bucket, now) + amount);
+        }
     }
 }
 
@@ -82,20 +88,30 @@ std::size_t RateBudget::clientsRemembered() const {
     return clients.size();
 }
 
-std::optional<RateBudget::Refusal> RateBudget::checkLocked(const std::string& client,
+std::optional<RateBudget::Refusal> RateBudget::checkLocked(const Shares& shares,
                                                            Clock::time_point now, double whole) {
     // In credit, and holding all of what must be paid whole.
     const auto covers = [whole](double credit) { return credit > 0 && credit >= whole; };
     const double left = refill(pool, limits.total, limits.totalPerSecond, now);
     double wait = secondsToRepay(left - whole, limits.totalPerSecond);
     bool clientSpent = false;
-    bool shared = false;
-    if (!client.empty()) {
-        Bucket& bucket = share(client, now);
-        const double own = refill(bucket, limits.client, limits.clientPerSecond, now);
-        clientSpent = !covers(own);
-        shared = clientSpent && &bucket == &strangers;
-        wait = std::max(wait, secondsToRepay(own - whole, limits.clientPerSecond));
+    std::string sharedBy;
+    for (Bucket* bucket : {shares.own, shares.site}) {
+        if (bucket == nullptr) {
+            continue;
+        }
+        const double own = refill(*bucket, now);
+        if (!covers(own)) {
+            if (!clientSpent && bucket == &strangers) {
+                sharedBy = "clients past the full table";
+            } else if (!clientSpent && bucket->site) {
+                sharedBy = "the /64s of " + shares.siteName;
+            }
+            clientSpent = true;
+        }
+        // A site's share refills as many times faster as it is larger.
+        const double rate = limits.clientPerSecond * mostOf(*bucket) / limits.client;
+        wait = std::max(wait, secondsToRepay(own - whole, rate));
     }
     if (covers(left) && !clientSpent) {
         return std::nullopt;
@@ -103,16 +119,17 @@ std::optional<RateBudget::Refusal> RateBudget::checkLocked(const std::string& cl
     // The epsilon keeps a debt of exactly n seconds from reading as n + 1.
     return Refusal{std::chrono::seconds(
                        std::max<long long>(1, static_cast<long long>(std::ceil(wait - 1e-9)))),
-                   clientSpent, shared};
+                   clientSpent, std::move(sharedBy)};
 }
 
-void RateBudget::spendLocked(const std::string& client, double amount, Clock::time_point now) {
+void RateBudget::spendLocked(const Shares& shares, double amount, Clock::time_point now) {
     refill(pool, limits.total, limits.totalPerSecond, now);
     pool.credit -= amount;
-    if (!client.empty()) {
-        Bucket& own = share(client, now);
-        refill(own, limits.client, limits.clientPerSecond, now);
-        own.credit -= amount;
+    for (Bucket* bucket : {shares.own, shares.site}) {
+        if (bucket != nullptr) {
+            refill(*bucket, now);
+            bucket->credit -= amount;
+        }
     }
 }
 
@@ -125,26 +142,56 @@ double RateBudget::refill(Bucket& bucket, double most, double perSecond, Clock::
     return bucket.credit;
 }
 
-RateBudget::Bucket& RateBudget::share(const std::string& client, Clock::time_point now) {
-    const auto found = clients.find(client);
+double RateBudget::refill(Bucket& bucket, Clock::time_point now) const {
+    const double most = mostOf(bucket);
+    return refill(bucket, most, limits.clientPerSecond * most / limits.client, now);
+}
+
+double RateBudget::mostOf(const Bucket& bucket) const {
+    return bucket.site ? limits.client * limits.siteShares : limits.client;
+}
+
+RateBudget::Shares RateBudget::sharesOf(const std::string& client, Clock::time_point now) {
+    Shares shares;
+    if (client.empty()) {
+        return shares;
+    }
+    shares.siteName = siteOf(client);
+    const std::size_t missing =
+        (clients.count(client) == 0 ? 1 : 0) +
+        (!shares.siteName.empty() && clients.count(shares.siteName) == 0 ? 1 : 0);
+    // Searched before anything is looked up, so that nothing held here is forgotten.
+    if (missing > 0 && clients.size() + missing > limits.clientEntries && now >= nextSweep) {
+        nextSweep = now + std::chrono::seconds(1);
+        sweep(now);
+    }
+    shares.own = &entry(client, false, now);
+    if (!shares.siteName.empty()) {
+        Bucket& site = entry(shares.siteName, true, now);
+        // A stranger whose site is left out too pays the strangers' share once.
+        shares.site = &site == shares.own ? nullptr : &site;
+    }
+    return shares;
+}
+
+RateBudget::Bucket& RateBudget::entry(const std::string& key, bool site, Clock::time_point now) {
+    const auto found = clients.find(key);
     if (found != clients.end()) {
         return found->second;
     }
     if (clients.size() >= limits.clientEntries) {
-        if (now < nextSweep) {
-            return strangers;
-        }
-        nextSweep = now + std::chrono::seconds(1);
-        // A client back at its full share loses nothing by being forgotten.
-        for (auto it = clients.begin(); it != clients.end();) {
-            const double left = refill(it->second, limits.client, limits.clientPerSecond, now);
-            it = left >= limits.client ? clients.erase(it) : std::next(it);
-        }
-        if (clients.size() >= limits.clientEntries) {
-            return strangers;
-        }
+        return strangers;
     }
-    return clients.emplace(client, Bucket{limits.client, now}).first->second;
+    Bucket fresh{limits.client, now, site};
+    fresh.credit = mostOf(fresh);
+    return clients.emplace(key, fresh).first->second;
+}
+
+void RateBudget::sweep(Clock::time_point now) {
+    for (auto it = clients.begin(); it != clients.end();) {
+        const double left = refill(it->second, now);
+        it = left >= mostOf(it->second) ? clients.erase(it) : std::next(it);
+    }
 }
 
 } // namespace kestrin::host

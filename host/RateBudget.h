@@ -27,16 +27,24 @@ public:
         // one share that all such clients draw from, so that new addresses cannot wipe out
         // what the others owe.
         std::size_t clientEntries = 4096;
+        // What the /64s of one IPv6 /48 (siteOf) hold in all, in client shares, earned back as
+        // fast: each of them pays from its own share and from its site's, so that a client
+        // given a /48 has this many shares, not one for each /64 it picks. At least 1. The
+        // site's share takes a place in the table as a client's does.
+        double siteShares = 4;
     };
 
     struct Refusal {
         // Whole seconds until the emptier of the pool and the share is in credit again, at
         // least 1 (a Retry-After).
         std::chrono::seconds retryAfter;
-        // The client's own share ran dry (not only the pool).
+        // The client's share ran dry (not only the pool): its own, or one it draws from with
+        // others.
         bool clientSpent;
-        // The share that ran dry was the one of clients the full table leaves out.
-        bool shared = false;
+        // When the share that ran dry is one the client draws from with others, who they are,
+        // for the log: "clients past the full table", or "the /64s of 2001:db8:1::/48".
+        // Empty otherwise.
+        std::string sharedBy = {};
     };
 
     // Full at start. Throws std::invalid_argument unless every amount and rate is positive
@@ -73,23 +81,39 @@ private:
     struct Bucket {
         double credit;
         Clock::time_point refilledAt;
+        bool site = false; // the share of a /48, not of one client
     };
 
-    // Nothing when the pool, and the share of client unless client is empty, are in credit and
-    // each holds whole.
-    std::optional<Refusal> checkLocked(const std::string& client, Clock::time_point now,
+    // The shares a client pays from: its own, and its site's unless it has none. Either may be
+    // the strangers' share when the table has no room, but never both.
+    struct Shares {
+        Bucket* own = nullptr;
+        Bucket* site = nullptr;
+        std::string siteName;
+    };
+
+    // Found, or made full when new; while the table is full, the strangers' share. None for
+    // an empty client.
+    Shares sharesOf(const std::string& client, Clock::time_point now);
+    Bucket& entry(const std::string& key, bool site, Clock::time_point now);
+    // Forgets every remembered share back at its full credit: it loses nothing by it.
+    void sweep(Clock::time_point now);
+    // Nothing when the pool, and the shares unless client is empty, are in credit and each
+    // holds whole.
+    std::optional<Refusal> checkLocked(const Shares& shares, Clock::time_point now,
                                        double whole = 0);
-    void spendLocked(const std::string& client, double amount, Clock::time_point now);
+    void spendLocked(const Shares& shares, double amount, Clock::time_point now);
     // The bucket's credit after refilling it up to now.
     static double refill(Bucket& bucket, double most, double perSecond, Clock::time_point now);
-    // The share of client, made full if new; the strangers' share if the table has no room.
-    Bucket& share(const std::string& client, Clock::time_point now);
+    double refill(Bucket& bucket, Clock::time_point now) const;
+    double mostOf(const Bucket& bucket) const;
 
     const Limits limits;
     mutable std::mutex mutex;
     Bucket pool;
     std::unordered_map<std::string, Bucket> clients;
-    // What clients left out of the full table spend, all of them together.
+    // What clients left out of the full table spend, all of them together: their own shares
+    // and their sites'.
     Bucket strangers;
     // A full table is searched for clients to forget at most once a second, so that a spray
     // of new addresses cannot make every request walk the whole table.

@@ -451,15 +451,15 @@ std::optional<Reply> RequestGate::quotaRefusal(std::uint64_t length,
     if (!refused) {
         return std::nullopt;
     }
-    Reply reply = refuse(503,
-                         "Service Unavailable: this client has uploaded all it may for now; "
-                         "retry later",
-                         std::string(refused->shared ? "upload quota shared by the clients past "
-                                                       "the full table: "
-                                                     : "client's upload quota: ") +
-                             std::to_string(length) + " bytes more than it has left of " +
-                             std::to_string(most) + " an hour",
-                         Refusal::uploadQuota);
+    Reply reply =
+        refuse(503,
+               "Service Unavailable: this client has uploaded all it may for now; "
+               "retry later",
+               (refused->sharedBy.empty() ? std::string("client's upload quota: ")
+                                          : "upload quota shared by " + refused->sharedBy + ": ") +
+                   std::to_string(length) + " bytes more than it has left of " +
+                   std::to_string(most) + " an hour",
+               Refusal::uploadQuota);
     reply.headers.emplace_back("Retry-After", std::to_string(refused->retryAfter.count()));
     return reply;
 }

@@ -1477,9 +1477,9 @@ private:
         if (shared->secure) {
             if (const auto refused = shared->handshakes.take(client, 1, Clock::now())) {
                 shared->events.count(EventLog::tlsThrottled,
-                                     refused->shared        ? "clients past the full table"
-                                     : refused->clientSpent ? client
-                                                            : "all clients");
+                                     !refused->sharedBy.empty() ? refused->sharedBy
+                                     : refused->clientSpent     ? client
+                                                                : "all clients");
                 shared->metrics.refused(503, refusalLabel(Refusal::tlsHandshakes));
                 beast::error_code ignored;
                 socket.close(ignored);

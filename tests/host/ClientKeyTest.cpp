@@ -21,6 +21,14 @@ TEST(ClientKey, anIpv6ClientCountsByItsPrefixAndAMappedIpv4ClientAsItself) {
     EXPECT_EQ(key("2001:db8:1:2::1"), "2001:db8:1:2::/64");
     EXPECT_EQ(key("2001:db8:1:3::1"), "2001:db8:1:3::/64");
     EXPECT_EQ(key("fe80::1%1"), key("fe80::2"));
+
+    // And its /64s by the /48 they come from; what is no IPv6 key belongs to no site.
+    EXPECT_EQ(siteOf(key("2001:db8:1:2::1")), "2001:db8:1::/48");
+    EXPECT_EQ(siteOf(key("2001:db8:1:ffff::1")), "2001:db8:1::/48");
+    EXPECT_EQ(siteOf(key("2001:db8:abcd:12::1")), "2001:db8:abcd::/48");
+    for (const char* none : {"192.0.2.7", "", "/64", "x/64", "192.0.2.7/64"}) {
+        EXPECT_EQ(siteOf(none), "") << none;
+    }
 }
 
 // Behind a load balancer every connection comes from the balancer. Only a proxy the operator

@@ -86,7 +86,7 @@ TEST(RateBudget, aFullTableForgetsOnlyFullSharesAndPutsNewcomersOnOneShare) {
     EXPECT_EQ(said(budget.take("another", 2, start + 1500ms)), "granted");
     const auto refused = budget.take("third", 1, start + 1500ms);
     EXPECT_EQ(said(refused), "client 1s");
-    EXPECT_TRUE(refused && refused->shared);
+    EXPECT_EQ(refused ? refused->sharedBy : "", "clients past the full table");
     EXPECT_EQ(said(budget.check("debtor", start + 1500ms)), "client 2s");
     // The next search forgets "new" and remembers "third" with a share of its own; the debt
     // still stands.
@@ -96,9 +96,45 @@ TEST(RateBudget, aFullTableForgetsOnlyFullSharesAndPutsNewcomersOnOneShare) {
 
     for (const RateBudget::Limits broken :
          {RateBudget::Limits{0, 1, 1, 1}, RateBudget::Limits{1, -1, 1, 1},
-          RateBudget::Limits{1, 1, 1, 1.0 / 0.0}, RateBudget::Limits{1, 1, 1, 1, 0}}) {
+          RateBudget::Limits{1, 1, 1, 1.0 / 0.0}, RateBudget::Limits{1, 1, 1, 1, 0},
+          RateBudget::Limits{1, 1, 1, 1, 1, 0.5}}) {
         EXPECT_THROW(RateBudget{broken}, std::invalid_argument);
     }
+}
+
+// A client given a /48 picks among 65,536 /64s: together they have the shares of a few
+// clients, while each still has no more than its own.
+TEST(RateBudget, theSlash64sOfOneSlash48DrawFromTheirSitesShareToo) {
+    const Clock::time_point start{1h};
+    RateBudget budget({100, 100, 2, 1, 4096, /*siteShares*/ 2}, start);
+    EXPECT_EQ(said(budget.takeWhole("2001:db8:1:1::/64", 2, start)), "granted");
+    EXPECT_EQ(said(budget.takeWhole("2001:db8:1:2::/64", 2, start)), "granted");
+    const auto refused = budget.takeWhole("2001:db8:1:3::/64", 1, start);
+    EXPECT_EQ(said(refused), "client 1s");
+    EXPECT_EQ(refused ? refused->sharedBy : "", "the /64s of 2001:db8:1::/48");
+    // Another site and an IPv4 client are untouched.
+    EXPECT_EQ(said(budget.takeWhole("2001:db8:2:1::/64", 2, start)), "granted");
+    EXPECT_EQ(said(budget.takeWhole("192.0.2.7", 2, start)), "granted");
+    // Given back, the site's credit serves its other /64s at once.
+    budget.giveBack("2001:db8:1:1::/64", 1, start);
+    EXPECT_EQ(said(budget.takeWhole("2001:db8:1:3::/64", 1, start)), "granted");
+    // The site earns back twice as fast as a client: a second later it holds two, while the
+    // /64 that spent its own share whole can take only the one it earned.
+    const Clock::time_point later = start + 1s;
+    const auto own = budget.takeWhole("2001:db8:1:2::/64", 2, later);
+    EXPECT_EQ(said(own), "client 1s");
+    EXPECT_EQ(own ? own->sharedBy : "x", "");
+    EXPECT_EQ(said(budget.takeWhole("2001:db8:1:2::/64", 1, later)), "granted");
+    EXPECT_EQ(said(budget.takeWhole("2001:db8:1:4::/64", 1, later)), "granted");
+    EXPECT_EQ(said(budget.takeWhole("2001:db8:1:5::/64", 1, later)), "client 1s");
+
+    // Past a full table, a newcomer whose site is left out too pays the one shared share once.
+    RateBudget full({100, 100, 2, 1, /*clientEntries*/ 1, 2}, start);
+    full.spend("192.0.2.9", 5, start);
+    EXPECT_EQ(said(full.take("2001:db8:3:1::/64", 1, start)), "granted");
+    EXPECT_EQ(said(full.take("2001:db8:3:2::/64", 1, start)), "granted");
+    const auto strangers = full.take("2001:db8:4:1::/64", 1, start);
+    EXPECT_EQ(strangers ? strangers->sharedBy : "", "clients past the full table");
 }
 
 } // namespace
