@@ -1011,10 +1011,50 @@ async def address_spray(ctx, row):
     row.check(server.process.poll() is None, "server died (exit %s)" % server.process.poll())
 
 
-def upload_of(server, name, size):
+async def site_spray(ctx, row):
+    """A client given an IPv6 /48 uploads once from each of 300 of its /64s, named by a trusted
+    proxy: together they store what four clients may, while a /64 of another site and an IPv4
+    client behind the same proxy keep their own quotas."""
+    quota, size, sites, count = 4096, 3000, 4, 300
+    server = ctx.start("--max-upload-per-client", "4K", "--trusted-proxy", "127.0.0.0/8")
+
+    def upload_from(name, client):
+        head, body = upload_of(server, name, size, (b"X-Forwarded-For: " + client,))
+        return exchange(server.port, head, body)
+
+    pending = iter(range(count))
+    answers = []
+
+    async def spray():
+        for index in pending:
+            answers.append(await upload_from(b"site-%d.bin" % index,
+                                             b"2001:db8:1:%x::7" % (index + 1)))
+
+    with row.measure(server):
+        await asyncio.gather(*(spray() for _ in range(8)))
+    for answer in answers:
+        row.record(answer)
+    stored = sum(answer.status == 200 for answer in answers)
+    most = sites * quota // size
+    row.notes.append("%d /64s of one /48 stored %d uploads of %d bytes" % (count, stored, size))
+    row.check(stored <= most, "%d uploads stored, over the site's %d" % (stored, most))
+    row.check(all(answer.status in (200, 503) for answer in answers),
+              "answers other than 200 and 503: %s" % sorted({a.label for a in answers}))
+    row.check("the /64s of 2001:db8:1::/48" in server.logged(),
+              "no log line names the site's shared quota")
+    refused = sum(answer.status == 503 for answer in answers)
+    reasons = refusal_reasons(server)
+    row.check(reasons == {"upload_quota": refused}, "the metrics counted %s" % reasons)
+    for name, client in ((b"other-site.bin", b"2001:db8:2:1::7"), (b"ipv4.bin", b"192.0.2.7")):
+        other = await upload_from(name, client)
+        row.check(other.status == 200, "%s got %s" % (client.decode(), other.label))
+    row.check(server.process.poll() is None, "server died (exit %s)" % server.process.poll())
+
+
+def upload_of(server, name, size, extra=()):
     """(head, body) of one upload of a file of size bytes."""
     body = small_body([(name, b"s" * size)])
-    return request_head(server.port, len(body)), body
+    return request_head(server.port, len(body), extra=extra), body
 
 
 async def page_flood(ctx, row):
@@ -1118,6 +1158,8 @@ def rows_of(form):
          upload_quota),
         ("18b", "4,216 addresses, one upload each", "<=4,097 stored; debts stand; known 200",
          address_spray),
+        ("18c", "300 /64s of one /48 behind a proxy", "<=4 quotas stored; other site 200",
+         site_spray),
         ("19", "page flood, one address", "log<64K; upload, other's 404 logged",
          page_flood),
     ]
