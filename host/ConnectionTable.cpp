@@ -1,5 +1,7 @@
 #include "host/ConnectionTable.h"
 
+#include "host/ClientKey.h"
+
 #include <limits>
 #include <tuple>
 #include <utility>
@@ -18,8 +20,9 @@ ConnectionTable::Admission ConnectionTable::admit(const std::string& client,
                                                   Clock::time_point now) {
     std::lock_guard<std::mutex> guard(mutex);
     Admission admission;
-    const auto takeFrom = [&](const std::string* among) {
-        const std::optional<Id> victim = chooseVictim(among, now);
+    const auto takeFrom = [&](const std::string* among,
+                              std::string Entry::*field = &Entry::client) {
+        const std::optional<Id> victim = chooseVictim(among, now, field);
         if (victim) {
             admission.victim = victim;
             admission.victimPhase = entries.at(*victim).phase;
@@ -34,12 +37,26 @@ ConnectionTable::Admission ConnectionTable::admit(const std::string& client,
         admission.outcome = Admission::Outcome::clientFull;
         return admission;
     }
+    // Then the site's: the others of its /64s are the site's own.
+    std::string site = siteOf(client);
+    if (!site.empty()) {
+        const auto held = perClient.find(site);
+        if (held != perClient.end() && held->second >= limits.maxPerClient * limits.siteShares &&
+            !takeFrom(&site, &Entry::site)) {
+            admission.outcome = Admission::Outcome::clientFull;
+            admission.sharedBy = "the /64s of " + site;
+            return admission;
+        }
+    }
     if (counted >= limits.maxConnections && !takeFrom(nullptr)) {
         admission.outcome = Admission::Outcome::full;
         return admission;
     }
     admission.id = nextId++;
-    entries.emplace(admission.id, Entry{client, Phase::idle, now, 0, 0, false});
+    if (!site.empty()) {
+        ++perClient[site];
+    }
+    entries.emplace(admission.id, Entry{client, std::move(site), Phase::idle, now, 0, 0, false});
     ++perClient[client];
     ++counted;
     return admission;
@@ -148,14 +165,15 @@ std::size_t ConnectionTable::size() const {
     return counted;
 }
 
-std::optional<ConnectionTable::Id> ConnectionTable::chooseVictim(const std::string* client,
-                                                                 Clock::time_point now) const {
+std::optional<ConnectionTable::Id> ConnectionTable::chooseVictim(const std::string* among,
+                                                                 Clock::time_point now,
+                                                                 std::string Entry::*field) const {
     // Lower ranks go first: a connection that sends nothing costs its client nothing to open
     // again, one that sends a head by the byte little more; within a rank, the oldest.
     std::optional<Id> best;
     std::tuple<int, Clock::time_point> bestKey;
     for (const auto& [id, entry] : entries) {
-        if (entry.evicted || (client != nullptr && entry.client != *client)) {
+        if (entry.evicted || (among != nullptr && entry.*field != *among)) {
             continue;
         }
         const Clock::duration age = now - entry.since;
@@ -197,9 +215,11 @@ void ConnectionTable::evictLocked(Id id) {
     Entry& entry = entries.at(id);
     entry.evicted = true;
     --counted;
-    const auto own = perClient.find(entry.client);
-    if (own != perClient.end() && --own->second == 0) {
-        perClient.erase(own);
+    for (const std::string* key : {&entry.client, &entry.site}) {
+        const auto held = key->empty() ? perClient.end() : perClient.find(*key);
+        if (held != perClient.end() && --held->second == 0) {
+            perClient.erase(held);
+        }
     }
 }
 

@@ -39,15 +39,21 @@ public:
         // A real client sends its head within a round trip of connecting; half a second is
         // many round trips.
         Clock::duration evictableAfter = std::chrono::milliseconds(500);
+        // The /64s of one IPv6 /48 (siteOf) hold at most this many times maxPerClient in all:
+        // a site picks among 65,536 of them, each with slots of its own.
+        std::size_t siteShares = 4;
     };
 
     struct Admission {
         enum class Outcome {
             admitted,   // the connection has a slot (perhaps one the victim held)
-            clientFull, // its address holds all its slots, none worth closing
+            clientFull, // its address, or its site, holds all its slots, none worth closing
             full        // every slot is held, none worth closing
         };
         Outcome outcome = Outcome::admitted;
+        // With clientFull, when it is the site's slots that are all held: "the /64s of
+        // 2001:db8:1::/48". Empty otherwise.
+        std::string sharedBy;
         Id id = 0;
         // Set when the slot was taken from this connection: the caller closes it. It no
         // longer counts; its removal later is harmless.
@@ -91,6 +97,7 @@ public:
 private:
     struct Entry {
         std::string client;
+        std::string site; // empty for a client of no site
         Phase phase;
         Clock::time_point since;
         std::uint64_t bodyBytes;
@@ -98,13 +105,16 @@ private:
         bool evicted;
     };
 
-    // The connection most worth closing, among those of client if given.
-    std::optional<Id> chooseVictim(const std::string* client, Clock::time_point now) const;
+    // The connection most worth closing, among those whose field (client or site) is among, if
+    // given.
+    std::optional<Id> chooseVictim(const std::string* among, Clock::time_point now,
+                                   std::string Entry::*field = &Entry::client) const;
     void evictLocked(Id id);
 
     const Limits limits;
     mutable std::mutex mutex;
     std::unordered_map<Id, Entry> entries;
+    // Slots held by each client and by each site: the keys never collide.
     std::unordered_map<std::string, std::size_t> perClient;
     std::size_t counted = 0; // entries not evicted
     Id nextId = 1;

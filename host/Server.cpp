@@ -1491,7 +1491,9 @@ private:
             const bool clientFull =
                 admission.outcome == ConnectionTable::Admission::Outcome::clientFull;
             shared->events.count(clientFull ? EventLog::clientOverLimit : EventLog::tableFull,
-                                 clientFull ? client : std::string());
+                                 !clientFull                   ? std::string()
+                                 : !admission.sharedBy.empty() ? admission.sharedBy
+                                                               : client);
             shared->metrics.refused(
                 503, refusalLabel(clientFull ? Refusal::clientConnections : Refusal::connections));
             // A TLS client would take plain text for a broken handshake: it is just closed.
@@ -1500,7 +1502,7 @@ private:
                 socket.close(ignored);
                 return;
             }
-            return refuse(std::move(socket), clientFull);
+            return refuse(std::move(socket), clientFull, !admission.sharedBy.empty());
         }
         if (admission.victim) {
             evictSession(*shared, *admission.victim);
@@ -1520,12 +1522,14 @@ private:
 
     // A connection with no slot gets a short answer without its request being read, and is
     // closed: it costs one write, not a session.
-    static void refuse(tcp::socket&& socket, bool clientFull) {
+    static void refuse(tcp::socket&& socket, bool clientFull, bool siteFull) {
         static const std::string overClient =
             reply("Service Unavailable: too many connections from your address; retry\n");
+        static const std::string overSite =
+            reply("Service Unavailable: too many connections from your network; retry\n");
         static const std::string full = reply("Service Unavailable: server busy; retry\n");
         auto connection = std::make_shared<tcp::socket>(std::move(socket));
-        const std::string& bytes = clientFull ? overClient : full;
+        const std::string& bytes = siteFull ? overSite : clientFull ? overClient : full;
         net::async_write(*connection, net::buffer(bytes),
                          [connection](beast::error_code, std::size_t) {
                              beast::error_code ignored;

@@ -97,6 +97,35 @@ TEST(ConnectionTable, aClientOverItsLimitMakesRoomFromItsOwnConnectionsOnly) {
     admitted(table, "a", later);
 }
 
+// A client given a /48 opens its connections from as many /64s as it likes: together they
+// hold four clients' slots, and make room only from their own.
+TEST(ConnectionTable, theSlash64sOfOneSlash48HoldFourClientsSlotsInAll) {
+    ConnectionTable table(limits(100, 2));
+    std::vector<ConnectionTable::Id> site;
+    for (int index = 0; index < 8; ++index) {
+        site.push_back(admitted(table, "2001:db8:1:" + std::to_string(index) + "::/64", start));
+        table.enter(site.back(), Phase::busy, start);
+    }
+    const auto other = admitted(table, "2001:db8:2:1::/64", start);
+    (void)other; // idle and old, but another site's
+    const Clock::time_point later = start + seconds(5);
+    const ConnectionTable::Admission ninth = table.admit("2001:db8:1:8::/64", later);
+    EXPECT_EQ(ninth.outcome, Outcome::clientFull);
+    EXPECT_EQ(ninth.sharedBy, "the /64s of 2001:db8:1::/48");
+    EXPECT_EQ(table.admit("192.0.2.7", later).outcome, Outcome::admitted);
+
+    // One of the site's connections idles: it makes room for another of its /64s.
+    table.enter(site[3], Phase::idle, start);
+    const ConnectionTable::Admission taken = table.admit("2001:db8:1:9::/64", later);
+    ASSERT_EQ(taken.outcome, Outcome::admitted);
+    ASSERT_TRUE(taken.victim);
+    EXPECT_EQ(*taken.victim, site[3]);
+    EXPECT_EQ(table.admit("2001:db8:1:a::/64", later).outcome, Outcome::clientFull);
+    // A slot that ends is the site's again.
+    table.remove(site[0]);
+    admitted(table, "2001:db8:1:a::/64", later);
+}
+
 TEST(ConnectionTable, runningOutOfDescriptorsTakesASlotWorthTakingEvenBelowTheLimit) {
     ConnectionTable table(limits(100, 100));
     const auto serving = admitted(table, "a", start);
