@@ -1,20 +1,27 @@
 #include "host/ClientShares.h"
 
+#include "host/ClientKey.h"
+
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace kestrin::host {
 
-ClientShares::ClientShares(std::uint64_t share)
-    : limit(share) {}
+ClientShares::ClientShares(std::uint64_t share, std::uint64_t siteShares)
+    : limit(share)
+    , siteLimit(siteShares != 0 && share > std::numeric_limits<std::uint64_t>::max() / siteShares
+                    ? std::numeric_limits<std::uint64_t>::max()
+                    : share * siteShares) {}
 
 std::optional<ClientShares::Hold> ClientShares::take(std::string_view client,
                                                      std::uint64_t amount) {
     std::string key(client);
-    if (!add(key, amount)) {
+    std::string site = siteOf(key);
+    if (!add(key, site, amount)) {
         return std::nullopt;
     }
-    return Hold(this, std::move(key), amount);
+    return Hold(this, std::move(key), std::move(site), amount);
 }
 
 std::uint64_t ClientShares::held(std::string_view client) const {
@@ -28,22 +35,37 @@ std::size_t ClientShares::clients() const {
     return holds.size();
 }
 
-bool ClientShares::add(const std::string& client, std::uint64_t amount) {
+bool ClientShares::add(const std::string& client, const std::string& site, std::uint64_t amount) {
     const std::lock_guard<std::mutex> lock(mutex);
-    const auto found = holds.find(client);
-    const std::uint64_t now = found == holds.end() ? 0 : found->second;
-    if (amount > limit - now) {
+    const auto heldBy = [this](const std::string& key) {
+        const auto found = holds.find(key);
+        return found == holds.end() ? std::uint64_t{0} : found->second;
+    };
+    const std::uint64_t own = heldBy(client);
+    const std::uint64_t together = site.empty() ? 0 : heldBy(site);
+    if (amount > limit - own || (!site.empty() && amount > siteLimit - together)) {
         return false;
     }
     if (amount > 0) {
-        holds[client] = now + amount;
+        holds[client] = own + amount;
+        if (!site.empty()) {
+            holds[site] = together + amount;
+        }
     }
     return true;
 }
 
-void ClientShares::remove(const std::string& client, std::uint64_t amount) noexcept {
+void ClientShares::remove(const std::string& client, const std::string& site,
+                          std::uint64_t amount) noexcept {
     const std::lock_guard<std::mutex> lock(mutex);
-    const auto found = holds.find(client);
+    removeLocked(client, amount);
+    if (!site.empty()) {
+        removeLocked(site, amount);
+    }
+}
+
+void ClientShares::removeLocked(const std::string& key, std::uint64_t amount) noexcept {
+    const auto found = holds.find(key);
     if (found == holds.end()) {
         return;
     }
@@ -56,6 +78,7 @@ void ClientShares::remove(const std::string& client, std::uint64_t amount) noexc
 ClientShares::Hold::Hold(Hold&& other) noexcept
     : shares(std::exchange(other.shares, nullptr))
     , client(std::move(other.client))
+    , site(std::move(other.site))
     , held(std::exchange(other.held, 0)) {}
 
 ClientShares::Hold& ClientShares::Hold::operator=(Hold&& other) noexcept {
@@ -63,13 +86,14 @@ ClientShares::Hold& ClientShares::Hold::operator=(Hold&& other) noexcept {
         release();
         shares = std::exchange(other.shares, nullptr);
         client = std::move(other.client);
+        site = std::move(other.site);
         held = std::exchange(other.held, 0);
     }
     return *this;
 }
 
 bool ClientShares::Hold::grow(std::uint64_t more) {
-    if (shares == nullptr || !shares->add(client, more)) {
+    if (shares == nullptr || !shares->add(client, site, more)) {
         return false;
     }
     held += more;
@@ -79,7 +103,7 @@ bool ClientShares::Hold::grow(std::uint64_t more) {
 void ClientShares::Hold::shrink(std::uint64_t less) noexcept {
     const std::uint64_t amount = std::min(less, held);
     if (shares != nullptr && amount > 0) {
-        shares->remove(client, amount);
+        shares->remove(client, site, amount);
     }
     held -= amount;
 }

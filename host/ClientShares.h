@@ -20,7 +20,9 @@ class ClientShares {
 public:
     class Hold;
 
-    explicit ClientShares(std::uint64_t share);
+    // The /64s of one IPv6 /48 (siteOf) hold siteShares times share in all, so that a client
+    // given a /48 does not hold a share for each /64 it picks.
+    explicit ClientShares(std::uint64_t share, std::uint64_t siteShares = 4);
     ClientShares(const ClientShares&) = delete;
     ClientShares& operator=(const ClientShares&) = delete;
 
@@ -28,16 +30,20 @@ public:
     [[nodiscard]] std::optional<Hold> take(std::string_view client, std::uint64_t amount);
 
     std::uint64_t share() const noexcept { return limit; }
-    // What client's holds come to now.
+    std::uint64_t siteShare() const noexcept { return siteLimit; }
+    // What the holds of client, or of the /64s of a site, come to now.
     std::uint64_t held(std::string_view client) const;
-    // Clients holding something now.
+    // Clients, and sites, holding something now.
     std::size_t clients() const;
 
 private:
-    bool add(const std::string& client, std::uint64_t amount);
-    void remove(const std::string& client, std::uint64_t amount) noexcept;
+    // Both or neither: the client's share and, unless site is empty, its site's.
+    bool add(const std::string& client, const std::string& site, std::uint64_t amount);
+    void remove(const std::string& client, const std::string& site, std::uint64_t amount) noexcept;
+    void removeLocked(const std::string& key, std::uint64_t amount) noexcept;
 
     const std::uint64_t limit;
+    const std::uint64_t siteLimit;
     mutable std::mutex mutex;
     std::unordered_map<std::string, std::uint64_t> holds;
 };
@@ -65,13 +71,15 @@ public:
 
 private:
     friend class ClientShares;
-    Hold(ClientShares* owner, std::string client, std::uint64_t amount) noexcept
+    Hold(ClientShares* owner, std::string client, std::string site, std::uint64_t amount) noexcept
         : shares(owner)
         , client(std::move(client))
+        , site(std::move(site))
         , held(amount) {}
 
     ClientShares* shares = nullptr;
     std::string client;
+    std::string site;
     std::uint64_t held = 0;
 };
 

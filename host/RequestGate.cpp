@@ -1,6 +1,7 @@
 #include "host/RequestGate.h"
 
 #include "host/BasicAuth.h"
+#include "host/ClientKey.h"
 #include "host/DemoPage.h"
 #include "host/HttpRules.h"
 
@@ -372,13 +373,19 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
         }
         share = shares->take(client, needed);
         if (!share) {
+            const std::uint64_t own = shares->held(client);
+            const std::string site = own <= shares->share() - needed ? siteOf(client) : "";
             Reply reply = refuse(
                 503,
                 "Service Unavailable: uploads of this client under way hold all the memory one "
                 "client may use; retry once they are done",
-                "client's memory share: " + std::to_string(shares->held(client)) + " of " +
-                    std::to_string(shares->share()) + " held, " + std::to_string(needed) +
-                    " needed",
+                site.empty() ? "client's memory share: " + std::to_string(own) + " of " +
+                                   std::to_string(shares->share()) + " held, " +
+                                   std::to_string(needed) + " needed"
+                             : "memory share of the /64s of " + site + ": " +
+                                   std::to_string(shares->held(site)) + " of " +
+                                   std::to_string(shares->siteShare()) + " held, " +
+                                   std::to_string(needed) + " needed",
                 Refusal::memoryShare);
             reply.headers.emplace_back("Retry-After", "5");
             return reply;
