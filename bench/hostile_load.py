@@ -482,17 +482,18 @@ async def big_uploads(ctx, row):
     await still_serving(ctx, row, server)
 
 
-async def hog(server, source, size, seconds, rate=2048):
+async def hog(server, source, size, seconds, rate=2048, extra=()):
     """Announces an upload of size bytes and sends rate bytes of it a second (by default 2 KiB,
     above the minimum rate): it holds its share of the memory budget until the server takes
-    it back. Returns the answer it got, or "open"."""
+    it back. Returns the answer it got, or "open". extra: more head lines."""
     try:
         connection = await Connection.open(server.port, source)
     except (OSError, TimeoutError):
         return Answer(what="no connection")
 
     async def send():
-        await connection.send(request_head(server.port, size) + part_head(b"hog.bin"))
+        await connection.send(request_head(server.port, size, extra=extra) +
+                              part_head(b"hog.bin"))
         for _ in range(seconds):
             await connection.send(BLOCK[:rate])
             await asyncio.sleep(1)
@@ -545,9 +546,32 @@ async def memory_share(ctx, row):
     budget_mib, size = 96, 8 * MIB
     server = ctx.start("--max-memory", "%dM" % budget_mib, "--max-memory-per-client", "40M")
     count = budget_mib * MIB // (2 * size)
+    # 40 MiB holds two bodies of 8 MiB and their copies, not three.
+    await hogs_against_a_share(ctx, row, server, size, [()] * count, 8, 2,
+                               "client's memory share")
+
+
+async def site_memory(ctx, row):
+    """Ten /64s of one IPv6 /48, named by a trusted proxy, each announce a body that their own
+    share holds, at a pace that keeps them from being closed: together they hold no more than
+    four shares, and a client of no such site gets in at once."""
+    size = 4 * MIB
+    server = ctx.start("--max-memory", "96M", "--max-memory-per-client", "10M",
+                       "--trusted-proxy", "127.0.0.0/8")
+    heads = [(b"X-Forwarded-For: 2001:db8:1:%x::7" % (index + 1),) for index in range(10)]
+    # 10 MiB holds one body of 4 MiB and its copy; four of those fit in the site's 40 MiB.
+    await hogs_against_a_share(ctx, row, server, size, heads, 6, 4,
+                               "memory share of the /64s of 2001:db8:1::/48")
+
+
+async def hogs_against_a_share(ctx, row, server, size, heads, seconds, let_in, logged):
+    """One hog of size bytes for each of heads (its extra head lines), from one address, for
+    seconds: all but let_in are refused with 503 under the memory share, the log says logged,
+    and another client's upload of the same size gets in meanwhile."""
     with row.measure(server):
-        hogs = [asyncio.create_task(hog(server, ATTACK_SOURCES[0], size, 8, rate=64 * 1024))
-                for _ in range(count)]
+        hogs = [asyncio.create_task(hog(server, ATTACK_SOURCES[0], size, seconds,
+                                        rate=64 * 1024, extra=extra))
+                for extra in heads]
         await asyncio.sleep(2)
         wanted = await upload_large(server, "wanted.bin", size)
         row.good = await good_upload(ctx, server)
@@ -558,10 +582,10 @@ async def memory_share(ctx, row):
     row.notes.append("another client's %d MiB upload: %s" % (size // MIB, wanted.label))
     row.check(wanted.label == "200" and wanted.whole,
               "another client's upload got %s" % wanted.label)
-    # 40 MiB holds two bodies of 8 MiB and their copies, not three.
     refused = sum(answer.label == "503" for answer in held)
-    row.check(refused == count - 2, "%d of %d refused, not %d" % (refused, count, count - 2))
-    row.check("client's memory share" in server.logged(), "no log line names the share")
+    expected = len(heads) - let_in
+    row.check(refused == expected, "%d of %d refused, not %d" % (refused, len(heads), expected))
+    row.check(logged in server.logged(), "no log line says %r" % logged)
     reasons = refusal_reasons(server)
     row.check(reasons == {"memory_share": refused}, "the metrics counted %s" % reasons)
     row.check_good(row.good)
@@ -1126,6 +1150,8 @@ def rows_of(form):
          % (f.big_budget_mib + 64), memory_hogs),
         ("1c", "one address holding memory", "another's upload 200 at once; its extra 503+RA",
          memory_share),
+        ("1d", "10 /64s of one /48 holding memory", "<=4 shares held; another's upload 200",
+         site_memory),
         ("2", "file name of %d MiB" % f.name_mib, "4xx, RSS<=3xbody+64M", long_name),
         ("3", "chunked body past budget", "early 413, RSS<=128M", chunked_growth),
         ("4", "%d idle connections" % f.flood_count, flood,
