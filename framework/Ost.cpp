@@ -16,7 +16,6 @@
 namespace ost::filesystem {
 
 std::u16string get_current_path() {
-    const auto fromUtf8 = i18n::codecvt_string_to_ustring("UTF-8", true);
     // Uploads ask once for every part they store: the usual path fits on the stack, so the
     // question costs the system call and no allocation.
     char onStack[PATH_MAX];
@@ -27,7 +26,7 @@ std::u16string get_current_path() {
                         [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
             return std::u16string(path.begin(), path.end());
         }
-        return i18n::to_ustring(std::string(path), fromUtf8);
+        return i18n::to_ustring(std::string(path), i18n::codecvt_string_to_ustring("UTF-8", true));
     }
     std::unique_ptr<char, decltype(&std::free)> cwd(nullptr, &std::free);
     if (errno == ERANGE) {
@@ -37,7 +36,7 @@ std::u16string get_current_path() {
         throw std::runtime_error(std::string("Cannot read the working directory: ") +
                                  std::strerror(errno));
     }
-    return i18n::to_ustring(cwd.get(), fromUtf8);
+    return i18n::to_ustring(cwd.get(), i18n::codecvt_string_to_ustring("UTF-8", true));
 }
 
 } // namespace ost::filesystem
