@@ -296,7 +296,8 @@ BasicAuth::BasicAuth(PasswordFile passwordFile, Options limits)
     : options(withDefaults(std::move(limits)))
     , budget(RateBudget::Limits{seconds(options.budget), seconds(options.refillPerSecond),
                                 seconds(options.clientBudget),
-                                seconds(options.clientRefillPerSecond), options.clientEntries},
+                                seconds(options.clientRefillPerSecond), options.clientEntries,
+                                options.siteShares},
              options.now())
     , users(std::make_shared<const PasswordFile>(std::move(passwordFile))) {}
 

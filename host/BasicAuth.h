@@ -80,8 +80,10 @@ public:
         std::chrono::nanoseconds clientBudget = std::chrono::milliseconds(250);
         std::chrono::nanoseconds clientRefillPerSecond = std::chrono::milliseconds(50);
         // Client addresses whose credit is remembered; when full, those back at their full
-        // credit are forgotten, and if none is, all.
+        // credit are forgotten, and the rest share one client's credit.
         std::size_t clientEntries = 4096;
+        // What the /64s of one IPv6 /48 may use together, in clients' credit.
+        double siteShares = defaultSiteShares;
         // Granted headers remembered; when full, all are forgotten.
         std::size_t cacheEntries = 1024;
         // The clock the budget refills by; empty means std::chrono::steady_clock::now.

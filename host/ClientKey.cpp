@@ -77,6 +77,10 @@ std::string siteOf(std::string_view key) {
     return ip::address_v6(site).to_string() + "/48";
 }
 
+std::string clientsOfSite(std::string_view site) {
+    return "the /64s of " + std::string(site);
+}
+
 void TrustedProxies::add(std::string_view network) {
     const std::size_t slash = network.find('/');
     const std::string address(network.substr(0, slash));

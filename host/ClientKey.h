@@ -24,6 +24,13 @@ std::string clientKey(const boost::asio::ip::address& address);
 // IPv4 key and for anything that is no IPv6 key: those belong to no site.
 std::string siteOf(std::string_view clientKey);
 
+// What the /64s of one site hold together, in shares of one client, unless the operator says
+// otherwise (--ipv6-site-shares).
+constexpr unsigned defaultSiteShares = 4;
+
+// How the log names the clients of a site whose share ran out: "the /64s of 2001:db8:1::/48".
+std::string clientsOfSite(std::string_view site);
+
 // The proxies (load balancers) whose word the server takes for where a request came from.
 class TrustedProxies {
 public:

@@ -1,7 +1,5 @@
 #include "host/ClientShares.h"
 
-#include "host/ClientKey.h"
-
 #include <algorithm>
 #include <limits>
 #include <utility>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "host/ClientKey.h"
+
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -22,7 +24,7 @@ public:
 
     // The /64s of one IPv6 /48 (siteOf) hold siteShares times share in all, so that a client
     // given a /48 does not hold a share for each /64 it picks.
-    explicit ClientShares(std::uint64_t share, std::uint64_t siteShares = 4);
+    explicit ClientShares(std::uint64_t share, std::uint64_t siteShares = defaultSiteShares);
     ClientShares(const ClientShares&) = delete;
     ClientShares& operator=(const ClientShares&) = delete;
 

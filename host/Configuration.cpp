@@ -368,8 +368,8 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            someBytes(config.maxMemoryPerClient));
     option("max-upload-per-client", "SIZE",
            "body bytes that one client address may upload in an hour, earned back evenly "
-           "through the hour, the /64s of one IPv6 /48 having four in all; past it, an upload "
-           "gets 503 with Retry-After, and one larger than it gets 413 (default 0: no limit)",
+           "through the hour; past it, an upload gets 503 with Retry-After, and one larger than "
+           "it gets 413 (default 0: no limit)",
            size(config.maxUploadPerClient, 0));
     option("keep-body-memory", "SIZE",
            "memory of finished request bodies and their parts (each of 1M or more) kept for "
@@ -402,8 +402,13 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            });
     option("max-connections-per-client", "N",
            "open connections from one client address, an IPv6 client counting by its /64 as "
-           "for all its shares, and the /64s of one /48 holding four times it (default 32)",
+           "for all its shares (default 32)",
            count(server.maxConnectionsPerClient, 1, 10'000'000));
+    option("ipv6-site-shares", "N",
+           "what the /64s of one IPv6 /48 hold together of each share of one client "
+           "(connections, memory, upload quota, TLS handshakes, password checks, log lines), in "
+           "shares of one client; 65536 gives each /64 its own (default 4)",
+           count(server.siteShares, 1, 65'536));
     option("tls-handshakes", "N",
            "TLS handshakes begun each second, in bursts of up to four seconds' worth; past "
            "that, new connections are closed unanswered (default 512)",

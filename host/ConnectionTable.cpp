@@ -1,7 +1,5 @@
 #include "host/ConnectionTable.h"
 
-#include "host/ClientKey.h"
-
 #include <limits>
 #include <tuple>
 #include <utility>
@@ -44,7 +42,7 @@ ConnectionTable::Admission ConnectionTable::admit(const std::string& client,
         if (held != perClient.end() && held->second >= limits.maxPerClient * limits.siteShares &&
             !takeFrom(&site, &Entry::site)) {
             admission.outcome = Admission::Outcome::clientFull;
-            admission.sharedBy = "the /64s of " + site;
+            admission.sharedBy = clientsOfSite(site);
             return admission;
         }
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "host/ClientKey.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -41,7 +43,7 @@ public:
         Clock::duration evictableAfter = std::chrono::milliseconds(500);
         // The /64s of one IPv6 /48 (siteOf) hold at most this many times maxPerClient in all:
         // a site picks among 65,536 of them, each with slots of its own.
-        std::size_t siteShares = 4;
+        std::size_t siteShares = defaultSiteShares;
     };
 
     struct Admission {

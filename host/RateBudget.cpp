@@ -1,7 +1,5 @@
 #include "host/RateBudget.h"
 
-#include "host/ClientKey.h"
-
 #include <algorithm>
 #include <cmath>
 #include <iterator>
@@ -105,13 +103,11 @@ std::optional<RateBudget::Refusal> RateBudget::checkLocked(const Shares& shares,
             if (!clientSpent && bucket == &strangers) {
                 sharedBy = "clients past the full table";
             } else if (!clientSpent && bucket->site) {
-                sharedBy = "the /64s of " + shares.siteName;
+                sharedBy = clientsOfSite(shares.siteName);
             }
             clientSpent = true;
         }
-        // A site's share refills as many times faster as it is larger.
-        const double rate = limits.clientPerSecond * mostOf(*bucket) / limits.client;
-        wait = std::max(wait, secondsToRepay(own - whole, rate));
+        wait = std::max(wait, secondsToRepay(own - whole, perSecondOf(*bucket)));
     }
     if (covers(left) && !clientSpent) {
         return std::nullopt;
@@ -143,12 +139,16 @@ double RateBudget::refill(Bucket& bucket, double most, double perSecond, Clock::
 }
 
 double RateBudget::refill(Bucket& bucket, Clock::time_point now) const {
-    const double most = mostOf(bucket);
-    return refill(bucket, most, limits.clientPerSecond * most / limits.client, now);
+    return refill(bucket, mostOf(bucket), perSecondOf(bucket), now);
 }
 
 double RateBudget::mostOf(const Bucket& bucket) const {
     return bucket.site ? limits.client * limits.siteShares : limits.client;
+}
+
+double RateBudget::perSecondOf(const Bucket& bucket) const {
+    // A site's share refills as many times faster as it is larger.
+    return bucket.site ? limits.clientPerSecond * limits.siteShares : limits.clientPerSecond;
 }
 
 RateBudget::Shares RateBudget::sharesOf(const std::string& client, Clock::time_point now) {

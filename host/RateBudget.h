@@ -1,5 +1,7 @@
 #pragma once
 
+#include "host/ClientKey.h"
+
 #include <chrono>
 #include <cstddef>
 #include <mutex>
@@ -31,7 +33,7 @@ public:
         // fast: each of them pays from its own share and from its site's, so that a client
         // given a /48 has this many shares, not one for each /64 it picks. At least 1. The
         // site's share takes a place in the table as a client's does.
-        double siteShares = 4;
+        double siteShares = defaultSiteShares;
     };
 
     struct Refusal {
@@ -107,6 +109,7 @@ private:
     static double refill(Bucket& bucket, double most, double perSecond, Clock::time_point now);
     double refill(Bucket& bucket, Clock::time_point now) const;
     double mostOf(const Bucket& bucket) const;
+    double perSecondOf(const Bucket& bucket) const;
 
     const Limits limits;
     mutable std::mutex mutex;

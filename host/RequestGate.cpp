@@ -382,7 +382,7 @@ std::optional<Reply> RequestGate::memoryRefusal(std::uint64_t length, Verdict& v
                 site.empty() ? "client's memory share: " + std::to_string(own) + " of " +
                                    std::to_string(shares->share()) + " held, " +
                                    std::to_string(needed) + " needed"
-                             : "memory share of the /64s of " + site + ": " +
+                             : "memory share of " + clientsOfSite(site) + ": " +
                                    std::to_string(shares->held(site)) + " of " +
                                    std::to_string(shares->siteShare()) + " held, " +
                                    std::to_string(needed) + " needed",

@@ -117,8 +117,11 @@ public:
         kinds
     };
 
-    explicit EventLog(LogFormat format)
-        : log(format) {}
+    EventLog(LogFormat format, unsigned siteShares)
+        : log(format)
+        , refusalLines{RateBudget::Limits{200, 50, 20, 5, 4096, static_cast<double>(siteShares)}}
+        , answerLines{
+              RateBudget::Limits{1000, 200, 100, 10, 4096, static_cast<double>(siteShares)}} {}
 
     void count(Kind kind, std::string detail = {}) {
         counts[kind].fetch_add(1, std::memory_order_relaxed);
@@ -180,8 +183,8 @@ private:
     // Refusals: twenty lines at once and five a second for each client; all clients together
     // two hundred at once and fifty a second. Answers: a hundred at once and ten a second for
     // each; a thousand and two hundred for all.
-    RateBudget refusalLines{RateBudget::Limits{200, 50, 20, 5}};
-    RateBudget answerLines{RateBudget::Limits{1000, 200, 100, 10}};
+    RateBudget refusalLines;
+    RateBudget answerLines;
     std::array<std::atomic<std::uint64_t>, kinds> counts{};
     std::mutex mutex;
     std::array<std::string, kinds> details;
@@ -229,14 +232,14 @@ constexpr double handshakeBurstSeconds = 4;
 
 // Each client key may upload perClient bytes in an hour, earned back evenly; the pool is no
 // bound of its own. Null for 0: no quota.
-std::unique_ptr<RateBudget> uploadQuotaFor(std::uint64_t perClient) {
+std::unique_ptr<RateBudget> uploadQuotaFor(std::uint64_t perClient, unsigned siteShares) {
     if (perClient == 0) {
         return nullptr;
     }
     const double bytes = static_cast<double>(perClient);
     const double unbounded = std::numeric_limits<double>::max() / 4;
-    return std::make_unique<RateBudget>(
-        RateBudget::Limits{unbounded, unbounded, bytes, bytes / 3600});
+    return std::make_unique<RateBudget>(RateBudget::Limits{
+        unbounded, unbounded, bytes, bytes / 3600, 4096, static_cast<double>(siteShares)});
 }
 
 // What every session shares with the server: its settings, the gate, the service threads,
@@ -248,8 +251,9 @@ struct Shared {
         , parts(std::move(serverParts))
         , budget(serverOptions.maxMemory)
         , memoryShares(serverOptions.maxMemoryPerClient > 0 ? serverOptions.maxMemoryPerClient
-                                                            : serverOptions.maxMemory)
-        , uploadQuota(uploadQuotaFor(serverOptions.maxUploadPerClient))
+                                                            : serverOptions.maxMemory,
+                       serverOptions.siteShares)
+        , uploadQuota(uploadQuotaFor(serverOptions.maxUploadPerClient, serverOptions.siteShares))
         , bodies(serverOptions.keptBodyBytes, BodyBufferPool::defaultSmallest, &budget)
         , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
                             serverOptions.discardRoute, serverOptions.headerTimeout,
@@ -257,15 +261,17 @@ struct Shared {
                             serverOptions.maxFiles, serverOptions.maxUploadPerClient},
                parts.dispatcher, &budget, parts.auth.get(), endpoints(), parts.disk.get(),
                &memoryShares, uploadQuota.get())
-        , table(ConnectionTable::Limits{serverOptions.maxConnections,
-                                        serverOptions.maxConnectionsPerClient,
-                                        serverOptions.minBodyRate})
-        , events(serverOptions.logFormat)
+        , table(ConnectionTable::Limits{
+              serverOptions.maxConnections, serverOptions.maxConnectionsPerClient,
+              serverOptions.minBodyRate, ConnectionTable::Limits{}.evictableAfter,
+              serverOptions.siteShares})
+        , events(serverOptions.logFormat, serverOptions.siteShares)
         , handshakes(
               RateBudget::Limits{handshakeBurstSeconds * serverOptions.tlsHandshakes,
                                  static_cast<double>(serverOptions.tlsHandshakes),
                                  handshakeBurstSeconds * serverOptions.tlsHandshakesPerClient,
-                                 static_cast<double>(serverOptions.tlsHandshakesPerClient)})
+                                 static_cast<double>(serverOptions.tlsHandshakesPerClient), 4096,
+                                 static_cast<double>(serverOptions.siteShares)})
         , services(std::max(1u, serverOptions.serviceThreads))
         , control(net::make_strand(context))
         , drainTimer(control)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/AccessLog.h"
+#include "host/ClientKey.h"
 #include "host/RequestDispatcher.h"
 
 #include <chrono>
@@ -44,6 +45,9 @@ struct ServerOptions {
     // new connection is closed unanswered.
     unsigned tlsHandshakes = 512;
     unsigned tlsHandshakesPerClient = 32;
+    // What the /64s of one IPv6 /48 hold together of every share of one client: connections,
+    // memory, the upload quota, TLS handshakes and log lines, in shares of one client.
+    unsigned siteShares = defaultSiteShares;
     std::chrono::seconds idleTimeout{30};
     std::chrono::seconds headerTimeout{10};
     std::uint64_t minBodyRate = 1024; // bytes per second, after headerTimeout of grace

@@ -237,9 +237,11 @@ int serve(kestrin::host::Configuration arguments) {
     std::shared_ptr<host::BasicAuth> auth;
     std::function<std::string()> reloadUsers;
     if (!arguments.authFile.empty()) {
-        auth = std::make_shared<host::BasicAuth>(
-            host::PasswordFile::load(arguments.authFile),
-            host::BasicAuth::cpuShares(arguments.authCpu, arguments.authCpuPerClient));
+        host::BasicAuth::Options limits =
+            host::BasicAuth::cpuShares(arguments.authCpu, arguments.authCpuPerClient);
+        limits.siteShares = options.siteShares;
+        auth = std::make_shared<host::BasicAuth>(host::PasswordFile::load(arguments.authFile),
+                                                 std::move(limits));
         // Read again from where the server was started, not from the upload directory.
         reloadUsers = [auth, path = std::filesystem::absolute(arguments.authFile).string()] {
             host::PasswordFile users = host::PasswordFile::load(path);

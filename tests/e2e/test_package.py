@@ -114,13 +114,13 @@ class PackageTest(unittest.TestCase):
         server = self.in_tree("/usr/bin/kestrin-upload-server")
         helped = run(server, "--help", env={})
         self.assertEqual(helped.returncode, 0, helped.stderr)
-        options = set(re.findall(r"^\s+--([a-z-]+)", helped.stdout, re.M))
+        options = set(re.findall(r"^\s+--([a-z0-9-]+)", helped.stdout, re.M))
         options -= {"help", "config", "version", "hash-password"}
         with open(self.in_tree(CONFIG)) as file:
             lines = file.read().splitlines()
         settings = {}
         for line in lines:
-            match = re.match(r"#([a-z-]+) = (.*)$", line)
+            match = re.match(r"#([a-z0-9-]+) = (.*)$", line)
             if match:
                 settings[match.group(1)] = match.group(2)
             else:
