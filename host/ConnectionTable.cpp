@@ -16,6 +16,7 @@ bool ConnectionTable::hasRoom(Clock::time_point now) const {
 
 ConnectionTable::Admission ConnectionTable::admit(const std::string& client,
                                                   Clock::time_point now) {
+    std::string site = siteOf(client);
     std::lock_guard<std::mutex> guard(mutex);
     Admission admission;
     const auto takeFrom = [&](const std::string* among,
@@ -36,7 +37,6 @@ ConnectionTable::Admission ConnectionTable::admit(const std::string& client,
         return admission;
     }
     // Then the site's: the others of its /64s are the site's own.
-    std::string site = siteOf(client);
     if (!site.empty()) {
         const auto held = perClient.find(site);
         if (held != perClient.end() && held->second >= limits.maxPerClient * limits.siteShares &&

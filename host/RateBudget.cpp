@@ -38,19 +38,22 @@ RateBudget::RateBudget(const Limits& budgetLimits, Clock::time_point start)
 
 std::optional<RateBudget::Refusal> RateBudget::check(const std::string& client,
                                                      Clock::time_point now) {
+    const std::string site = siteOf(client);
     const std::lock_guard<std::mutex> lock(mutex);
-    return checkLocked(sharesOf(client, now), now);
+    return checkLocked(sharesOf(client, site, now), now);
 }
 
 void RateBudget::spend(const std::string& client, double amount, Clock::time_point now) {
+    const std::string site = siteOf(client);
     const std::lock_guard<std::mutex> lock(mutex);
-    spendLocked(sharesOf(client, now), amount, now);
+    spendLocked(sharesOf(client, site, now), amount, now);
 }
 
 std::optional<RateBudget::Refusal> RateBudget::take(const std::string& client, double amount,
                                                     Clock::time_point now) {
+    const std::string site = siteOf(client);
     const std::lock_guard<std::mutex> lock(mutex);
-    const Shares shares = sharesOf(client, now);
+    const Shares shares = sharesOf(client, site, now);
     std::optional<Refusal> refusal = checkLocked(shares, now);
     if (!refusal) {
         spendLocked(shares, amount, now);
@@ -60,8 +63,9 @@ std::optional<RateBudget::Refusal> RateBudget::take(const std::string& client, d
 
 std::optional<RateBudget::Refusal> RateBudget::takeWhole(const std::string& client, double amount,
                                                          Clock::time_point now) {
+    const std::string site = siteOf(client);
     const std::lock_guard<std::mutex> lock(mutex);
-    const Shares shares = sharesOf(client, now);
+    const Shares shares = sharesOf(client, site, now);
     std::optional<Refusal> refusal = checkLocked(shares, now, amount);
     if (!refusal) {
         spendLocked(shares, amount, now);
@@ -70,10 +74,11 @@ std::optional<RateBudget::Refusal> RateBudget::takeWhole(const std::string& clie
 }
 
 void RateBudget::giveBack(const std::string& client, double amount, Clock::time_point now) {
+    const std::string site = siteOf(client);
     const std::lock_guard<std::mutex> lock(mutex);
     pool.credit =
         std::min(limits.total, refill(pool, limits.total, limits.totalPerSecond, now) + amount);
-    const Shares shares = sharesOf(client, now);
+    const Shares shares = sharesOf(client, site, now);
     for (Bucket* bucket : {shares.own, shares.site}) {
         if (bucket != nullptr) {
             bucket->credit = std::min(mostOf(*bucket), refill(*bucket, now) + amount);
@@ -151,12 +156,13 @@ double RateBudget::perSecondOf(const Bucket& bucket) const {
     return bucket.site ? limits.clientPerSecond * limits.siteShares : limits.clientPerSecond;
 }
 
-RateBudget::Shares RateBudget::sharesOf(const std::string& client, Clock::time_point now) {
+RateBudget::Shares RateBudget::sharesOf(const std::string& client, const std::string& site,
+                                        Clock::time_point now) {
     Shares shares;
     if (client.empty()) {
         return shares;
     }
-    shares.siteName = siteOf(client);
+    shares.siteName = site;
     const std::size_t missing =
         (clients.count(client) == 0 ? 1 : 0) +
         (!shares.siteName.empty() && clients.count(shares.siteName) == 0 ? 1 : 0);

@@ -95,8 +95,8 @@ private:
     };
 
     // Found, or made full when new; while the table is full, the strangers' share. None for
-    // an empty client.
-    Shares sharesOf(const std::string& client, Clock::time_point now);
+    // an empty client. site: siteOf(client), found before the lock is taken.
+    Shares sharesOf(const std::string& client, const std::string& site, Clock::time_point now);
     Bucket& entry(const std::string& key, bool site, Clock::time_point now);
     // Forgets every remembered share back at its full credit: it loses nothing by it.
     void sweep(Clock::time_point now);
