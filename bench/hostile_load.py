@@ -553,11 +553,11 @@ async def memory_share(ctx, row):
 
 async def site_memory(ctx, row):
     """Ten /64s of one IPv6 /48, named by a trusted proxy, each announce a body that their own
-    share holds, at a pace that keeps them from being closed: together they hold no more than
-    four shares, and a client of no such site gets in at once."""
+    share holds, at a pace that keeps them from being closed: with four shares a site, together
+    they hold no more than four, and a client of no such site gets in at once."""
     size = 4 * MIB
     server = ctx.start("--max-memory", "96M", "--max-memory-per-client", "10M",
-                       "--trusted-proxy", "127.0.0.0/8")
+                       "--trusted-proxy", "127.0.0.0/8", "--ipv6-site-shares", "4")
     heads = [(b"X-Forwarded-For: 2001:db8:1:%x::7" % (index + 1),) for index in range(10)]
     # 10 MiB holds one body of 4 MiB and its copy; four of those fit in the site's 40 MiB.
     await hogs_against_a_share(ctx, row, server, size, heads, 6, 4,

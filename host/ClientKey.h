@@ -25,8 +25,10 @@ std::string clientKey(const boost::asio::ip::address& address);
 std::string siteOf(std::string_view clientKey);
 
 // What the /64s of one site hold together, in shares of one client, unless the operator says
-// otherwise (--ipv6-site-shares).
-constexpr unsigned defaultSiteShares = 4;
+// otherwise (--ipv6-site-shares). Not fewer: an internet provider hands its homes a /56 or a
+// /60 each, so a /48 may hold hundreds of them; a /48 bought to spray from still gets
+// sixteen shares where it had up to 65,536.
+constexpr unsigned defaultSiteShares = 16;
 
 // How the log names the clients of a site whose share ran out: "the /64s of 2001:db8:1::/48".
 std::string clientsOfSite(std::string_view site);

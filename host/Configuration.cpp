@@ -407,7 +407,7 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
     option("ipv6-site-shares", "N",
            "what the /64s of one IPv6 /48 hold together of each share of one client "
            "(connections, memory, upload quota, TLS handshakes, password checks, log lines), in "
-           "shares of one client; 65536 gives each /64 its own (default 4)",
+           "shares of one client; 65536 gives each /64 its own (default 16)",
            count(server.siteShares, 1, 65'536));
     option("tls-handshakes", "N",
            "TLS handshakes begun each second, in bursts of up to four seconds' worth; past "

@@ -45,7 +45,7 @@ TEST(ClientShares, aClientHoldsNoMoreThanItsShareAndTheOthersKeepTheirs) {
 
 // A client given a /48 picks among 65,536 /64s: together they hold what four clients may.
 TEST(ClientShares, theSlash64sOfOneSlash48HoldFourSharesInAll) {
-    ClientShares shares(100);
+    ClientShares shares(100, 4);
     EXPECT_EQ(shares.siteShare(), 400u);
     std::optional<ClientShares::Hold> a = shares.take("2001:db8:1:1::/64", 100);
     std::optional<ClientShares::Hold> b = shares.take("2001:db8:1:2::/64", 100);

@@ -100,7 +100,9 @@ TEST(ConnectionTable, aClientOverItsLimitMakesRoomFromItsOwnConnectionsOnly) {
 // A client given a /48 opens its connections from as many /64s as it likes: together they
 // hold four clients' slots, and make room only from their own.
 TEST(ConnectionTable, theSlash64sOfOneSlash48HoldFourClientsSlotsInAll) {
-    ConnectionTable table(limits(100, 2));
+    ConnectionTable::Limits fourShares = limits(100, 2);
+    fourShares.siteShares = 4;
+    ConnectionTable table(fourShares);
     std::vector<ConnectionTable::Id> site;
     for (int index = 0; index < 8; ++index) {
         site.push_back(admitted(table, "2001:db8:1:" + std::to_string(index) + "::/64", start));
