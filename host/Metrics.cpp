@@ -69,6 +69,13 @@ struct Metrics::State {
             .Register(registry);
     prometheus::Gauge& connectionsOpen = connections.Add({{"kind", "open"}});
     prometheus::Gauge& connectionLimit = connections.Add({{"kind", "limit"}});
+    prometheus::Family<prometheus::Gauge>& serviceCalls =
+        prometheus::BuildGauge()
+            .Name("kestrin_service_calls")
+            .Help("Uploads on the service threads: running, and waiting for a thread")
+            .Register(registry);
+    prometheus::Gauge& serviceRunning = serviceCalls.Add({{"state", "running"}});
+    prometheus::Gauge& serviceWaiting = serviceCalls.Add({{"state", "waiting"}});
 
     // The request counter of a route and status. The family would build and hash the labels
     // on every request; the pairs seen are few (the routes are the server's own), so they are
@@ -136,6 +143,8 @@ std::string Metrics::scrape(const Snapshot& now) {
     state->memoryKept.Set(static_cast<double>(now.memoryKept));
     state->connectionsOpen.Set(static_cast<double>(now.connections));
     state->connectionLimit.Set(static_cast<double>(now.connectionLimit));
+    state->serviceRunning.Set(static_cast<double>(now.serviceRunning));
+    state->serviceWaiting.Set(static_cast<double>(now.serviceWaiting));
     std::ostringstream out;
     prometheus::TextSerializer().Serialize(out, state->registry.Collect());
     return out.str();

@@ -37,6 +37,8 @@ public:
         std::uint64_t memoryKept = 0; // of memoryInUse: storage kept for later uploads
         std::uint64_t connections = 0;
         std::uint64_t connectionLimit = 0;
+        std::uint64_t serviceRunning = 0; // upload calls on the service threads
+        std::uint64_t serviceWaiting = 0; // and those waiting for one
     };
     // The text format, version 0.0.4.
     std::string scrape(const Snapshot& now);

@@ -16,6 +16,7 @@
 #include "host/RateBudget.h"
 #include "host/RequestGate.h"
 #include "host/ServicePlacement.h"
+#include "host/ServiceQueue.h"
 #include "host/WarmPages.h"
 
 #include <boost/asio/dispatch.hpp>
@@ -273,6 +274,7 @@ struct Shared {
                                  static_cast<double>(serverOptions.tlsHandshakesPerClient), 4096,
                                  static_cast<double>(serverOptions.siteShares)})
         , services(std::max(1u, serverOptions.serviceThreads))
+        , serviceOrder(std::max(1u, serverOptions.serviceThreads), serverOptions.siteShares)
         , control(net::make_strand(context))
         , drainTimer(control)
         , reportTimer(control)
@@ -285,6 +287,28 @@ struct Shared {
         if (secure) {
             tls = loadTls(serverOptions.tlsCertificate, serverOptions.tlsKey);
         }
+    }
+
+    // A request's service call, for a service thread: it starts when one is free for it, and
+    // the call that takes its thread after it starts as it ends.
+    template <typename Call> void callOnServiceThread(const std::string& client, Call&& call) {
+        auto held = std::make_shared<std::decay_t<Call>>(std::forward<Call>(call));
+        startOnServiceThread(serviceOrder.submit(client, [held] { (*held)(); }));
+    }
+
+    void startOnServiceThread(std::optional<ServiceQueue::Start> start) {
+        if (!start) {
+            return;
+        }
+        net::post(services, [this, start = std::move(*start)] {
+            // Its end is told however the call ends, or its thread would be gone for good.
+            struct Ended {
+                Shared& shared;
+                const std::string& client;
+                ~Ended() { shared.startOnServiceThread(shared.serviceOrder.finished(client)); }
+            } ended{*this, start.client};
+            start.call();
+        });
     }
 
     // The TLS settings a new connection starts with; each keeps the ones it started with.
@@ -305,9 +329,10 @@ struct Shared {
             };
         }
         served.metrics = [this] {
-            return metrics.scrape(Metrics::Snapshot{budget.used(), budget.limit(),
-                                                    bodies.keptBytes(), table.size(),
-                                                    options.maxConnections});
+            const ServiceQueue::Counts calls = serviceOrder.counts();
+            return metrics.scrape(
+                Metrics::Snapshot{budget.used(), budget.limit(), bodies.keptBytes(), table.size(),
+                                  options.maxConnections, calls.running, calls.waiting});
         };
         served.metricsType = std::string(Metrics::contentType);
         return served;
@@ -365,6 +390,8 @@ struct Shared {
     Metrics metrics;
     const bool secure = !options.tlsCertificate.empty(); // serving HTTPS
     net::thread_pool services;
+    // Which waiting call gets a service thread next; every call for one passes through it.
+    ServiceQueue serviceOrder;
     ServicePlacement placement;
     // The server-wide timers run on one strand: a stop, the last session leaving and the
     // report may come from any IO thread.
@@ -1001,7 +1028,7 @@ private:
         if (shared->placement.runInline(bytesIn)) {
             call();
         } else {
-            net::post(shared->services, std::move(call));
+            shared->callOnServiceThread(originShares, std::move(call));
         }
     }
 

@@ -383,6 +383,8 @@ class MetricsTest(OperationsTestCase):
                          answered)
         self.assertGreater(metric(samples, "kestrin_memory_bytes", kind="budget"), 0)
         self.assertEqual(metric(samples, "kestrin_memory_bytes", kind="in_use"), 0)
+        self.assertEqual(metric(samples, "kestrin_service_calls", state="running"), 0)
+        self.assertEqual(metric(samples, "kestrin_service_calls", state="waiting"), 0)
 
 
     def test_connections_refused_count_under_their_reason_apart_from_requests(self):
