@@ -284,8 +284,8 @@ def stored_names(server):
             if not entry.name.startswith(("good-", serverlib.OWNER_PREFIX))]
 
 
-def refusal_reasons(server, context=None):
-    """What the server's metrics count its refusals under: {reason: count}. Over TLS with a
+def metrics_text(server, context=None):
+    """The server's metrics page, asked from the good client's address; over TLS with a
     context."""
     if context is None:
         connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10,
@@ -295,9 +295,14 @@ def refusal_reasons(server, context=None):
                                                  source_address=(GOOD_SOURCE, 0), context=context)
     try:
         connection.request("GET", "/metrics")
-        text = connection.getresponse().read().decode()
+        return connection.getresponse().read().decode()
     finally:
         connection.close()
+
+
+def refusal_reasons(server, context=None):
+    """What the server's metrics count its refusals under: {reason: count}."""
+    text = metrics_text(server, context)
     reasons = Counter()
     for match in re.finditer(r'^kestrin_refusals_total\{[^}]*reason="([a-z_]+)"[^}]*\} (\S+)$',
                              text, re.MULTILINE):
@@ -1076,6 +1081,61 @@ async def site_spray(ctx, row):
     row.check(server.process.poll() is None, "server died (exit %s)" % server.process.poll())
 
 
+async def service_hogs(ctx, row):
+    """Four addresses keep a request of many tiny files going on each of eight connections,
+    eight times what the server's four service threads can run at once, so that calls wait for
+    a thread. Another client's upload, sent while they wait, gets the next thread that frees:
+    most of the requests already waiting are answered after it. Taken in the order they came,
+    none would be."""
+    threads, sources, connections, parts = 4, ATTACK_SOURCES[:4], 8, 100
+    server = ctx.start("--service-threads", str(threads))
+    finished = []  # (sent, answered, answer) of every attacking request
+    stopping = asyncio.Event()
+
+    async def hog(source, index):
+        for turn in range(10000):
+            if stopping.is_set():
+                break
+            body = small_body([(b"hog-%s-%d-%d-%d.txt" % (source.encode(), index, turn, part),
+                                b"x") for part in range(parts)])
+            sent = time.monotonic()
+            answer = await exchange(server.port, request_head(server.port, len(body)), body,
+                                    source, ctx.form.row_limit)
+            finished.append((sent, time.monotonic(), answer))
+
+    def waiting_calls():
+        found = re.search(r'^kestrin_service_calls\{state="waiting"\} (\S+)$',
+                          metrics_text(server), re.MULTILINE)
+        return int(float(found.group(1))) if found else 0
+
+    with row.measure(server):
+        hogs = [asyncio.create_task(hog(source, index))
+                for source in sources for index in range(connections)]
+        waited = 0
+        deadline = time.monotonic() + 20
+        while waited < len(hogs) // 2 and time.monotonic() < deadline:
+            await asyncio.sleep(0.1)
+            waited = await asyncio.to_thread(waiting_calls)
+        good_sent = time.monotonic()
+        row.good = await good_upload(ctx, server, timeout=ctx.form.row_limit)
+        good_answered = time.monotonic()
+        stopping.set()
+        await asyncio.gather(*hogs)
+    for _, _, answer in finished:
+        row.record(answer)
+    ahead = [answered for sent, answered, _ in finished if sent < good_sent < answered]
+    overtaken = sum(answered > good_answered for answered in ahead)
+    row.notes.append("%d calls waiting; of %d requests under way, %d answered after the good "
+                     "upload" % (waited, len(ahead), overtaken))
+    row.check(waited >= len(hogs) // 2, "only %d calls waited for a thread" % waited)
+    row.check(row.good.ok, "good upload: %s" % row.good.label)
+    row.check(2 * overtaken >= len(ahead), "the good upload waited behind %d of the %d requests "
+              "under way" % (len(ahead) - overtaken, len(ahead)))
+    row.check(all(answer.status == 200 for _, _, answer in finished),
+              "answers other than 200: %s" % sorted({a.label for _, _, a in finished}))
+    await still_serving(ctx, row, server)
+
+
 def upload_of(server, name, size, extra=()):
     """(head, body) of one upload of a file of size bytes."""
     body = small_body([(name, b"s" * size)])
@@ -1170,6 +1230,8 @@ def rows_of(form):
          lambda ctx, row: many_files(ctx, row, f.files_requests, f.files_parts)),
         ("9", "one body of %d parts" % f.one_body_parts, files,
          lambda ctx, row: many_files(ctx, row, 1, f.one_body_parts)),
+        ("9b", "4 addresses x 8 requests of 100 files", "another's upload ahead of most waiting",
+         service_hogs),
         ("10", "cross-site POSTs", "403, nothing stored; same origin stores", cross_site),
         ("11", "request smuggling", "501 + close; bad chunk 4xx + close", smuggling),
         ("12", "control chars in names", "400 page, nothing stored", control_characters),
