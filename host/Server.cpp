@@ -954,13 +954,15 @@ private:
         bytesIn = request.body().getSize();
         shared->inService.fetch_add(1);
         common::DataBuffer partBlock = partMemoryDue();
+        // Header blocks the check saw whole: the files the call will store, near enough.
+        const std::size_t parts = partCheck ? partCheck->parts() : 0;
 
         // The guard keeps the IO threads running until the reply has been handed back.
         auto call = [self = shared_from_this(), work = net::make_work_guard(stream.get_executor()),
-                     destination = verdict.destination, boundary = std::move(verdict.boundary),
-                     charge = std::move(verdict.charge), share = std::move(verdict.share),
-                     disk = std::move(verdict.disk), partBlock = std::move(partBlock),
-                     body = std::move(request.body())]() mutable {
+                     parts, destination = verdict.destination,
+                     boundary = std::move(verdict.boundary), charge = std::move(verdict.charge),
+                     share = std::move(verdict.share), disk = std::move(verdict.disk),
+                     partBlock = std::move(partBlock), body = std::move(request.body())]() mutable {
             Shared& state = *self->shared;
             const std::size_t bodyBytes = body.getSize();
             const auto started = Clock::now();
@@ -1005,7 +1007,7 @@ private:
             }
             // The files are written, or never will be: the free space counts them now.
             disk.release();
-            state.placement.record(bodyBytes, Clock::now() - started);
+            state.placement.record(bodyBytes, parts, Clock::now() - started);
             // The body's storage, then the part's, stay charged while kept for later requests.
             state.bodies.give(std::move(returned), &charge);
             state.bodies.give(std::move(largestPart), &charge);
@@ -1025,7 +1027,7 @@ private:
                           self->sendReply(std::move(reply));
                       });
         };
-        if (shared->placement.runInline(bytesIn)) {
+        if (shared->placement.runInline(bytesIn, parts)) {
             call();
         } else {
             shared->callOnServiceThread(originShares, std::move(call));

@@ -2,15 +2,23 @@
 
 namespace kestrin::host {
 
-bool ServicePlacement::runInline(std::size_t bodyBytes) const noexcept {
-    return bodyBytes <= smallBody && recent.get() < quick;
+namespace {
+
+bool small(std::size_t bodyBytes, std::size_t parts) noexcept {
+    return bodyBytes <= ServicePlacement::smallBody && parts <= ServicePlacement::fewParts;
 }
 
-void ServicePlacement::record(std::size_t bodyBytes, std::chrono::nanoseconds took) noexcept {
-    if (bodyBytes > smallBody) {
-        return;
+} // namespace
+
+bool ServicePlacement::runInline(std::size_t bodyBytes, std::size_t parts) const noexcept {
+    return small(bodyBytes, parts) && recent.get() < quick;
+}
+
+void ServicePlacement::record(std::size_t bodyBytes, std::size_t parts,
+                              std::chrono::nanoseconds took) noexcept {
+    if (small(bodyBytes, parts)) {
+        recent.add(took);
     }
-    recent.add(took);
 }
 
 } // namespace kestrin::host

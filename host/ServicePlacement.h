@@ -20,14 +20,20 @@ public:
     // Bodies larger than this always go to a service thread: copying and writing them is not
     // quick anywhere.
     static constexpr std::size_t smallBody = 64 * 1024;
+    // Nor do bodies of more parts than this: each part is a file, written and synced on its
+    // own, so a small body of hundreds of tiny files would hold the IO thread hundreds of
+    // times as long as the calls the average was made of.
+    static constexpr std::size_t fewParts = 8;
     // Small calls run where the request is while their running average stays under this.
     static constexpr std::chrono::microseconds quick{100};
 
-    // Whether the call for a body of this many bytes runs on the calling IO thread.
-    bool runInline(std::size_t bodyBytes) const noexcept;
+    // Whether the call for a body of this many bytes and parts runs on the calling IO thread.
+    bool runInline(std::size_t bodyBytes, std::size_t parts) const noexcept;
 
-    // Records how long the call for a body of this many bytes took, wherever it ran.
-    void record(std::size_t bodyBytes, std::chrono::nanoseconds took) noexcept;
+    // Records how long the call for a body of this many bytes and parts took, wherever it ran.
+    // Only small calls count: a client's calls of other kinds cannot send everyone's small
+    // ones to the service threads.
+    void record(std::size_t bodyBytes, std::size_t parts, std::chrono::nanoseconds took) noexcept;
 
 private:
     // One slow call takes the average over the limit at once (an eighth of a sync of a few
