@@ -79,6 +79,10 @@ class Form:
     row_limit: int          # seconds one row may take
     deadline: int
     handshake_seconds: int = 5
+    hog_sources: int = 4     # addresses keeping the service threads busy
+    hog_connections: int = 8
+    hog_parts: int = 100     # files in each of their requests
+    hog_threads: int | None = 4  # --service-threads for them, None for the server's default
 
 
 def default_budget_mib():
@@ -96,7 +100,8 @@ SHORT = Form("short", 8, 64, 256, 64, 300, 256, 10, 4, 2000, 500, 20000, 16, 8, 
 # The budget is passed even where it equals the server's default: a server without one would
 # take 32 GB for sixteen bodies of 1,000 MiB.
 FULL = Form("full", 16, 1000, default_budget_mib(), 1000, 1100, 1024, 30, 16, 10000, None,
-            100000, 64, 30, 256, 10, 900, 1800, handshake_seconds=30)
+            100000, 64, 30, 256, 10, 900, 1800, handshake_seconds=30, hog_sources=8,
+            hog_connections=32, hog_parts=1000, hog_threads=None)
 
 
 class Skipped(Exception):
@@ -1082,13 +1087,16 @@ async def site_spray(ctx, row):
 
 
 async def service_hogs(ctx, row):
-    """Four addresses keep a request of many tiny files going on each of eight connections,
-    eight times what the server's four service threads can run at once, so that calls wait for
-    a thread. Another client's upload, sent while they wait, gets the next thread that frees:
-    most of the requests already waiting are answered after it. Taken in the order they came,
-    none would be."""
-    threads, sources, connections, parts = 4, ATTACK_SOURCES[:4], 8, 100
-    server = ctx.start("--service-threads", str(threads))
+    """A few addresses keep a request of many tiny files going on each of their connections,
+    more than the server's service threads can run at once, so that calls wait for a thread.
+    Another client's upload, sent while they wait, gets the next thread that frees: most of
+    the requests already under way are answered after it. Taken in the order they came, none
+    would be."""
+    form = ctx.form
+    sources, connections, parts = (ATTACK_SOURCES[:form.hog_sources], form.hog_connections,
+                                   form.hog_parts)
+    server = ctx.start(*(("--service-threads", str(form.hog_threads)) if form.hog_threads
+                         else ()))
     finished = []  # (sent, answered, answer) of every attacking request
     stopping = asyncio.Event()
 
@@ -1230,8 +1238,9 @@ def rows_of(form):
          lambda ctx, row: many_files(ctx, row, f.files_requests, f.files_parts)),
         ("9", "one body of %d parts" % f.one_body_parts, files,
          lambda ctx, row: many_files(ctx, row, 1, f.one_body_parts)),
-        ("9b", "4 addresses x 8 requests of 100 files", "another's upload ahead of most waiting",
-         service_hogs),
+        ("9b", "%d addresses x %d requests of %d files" % (f.hog_sources, f.hog_connections,
+                                                            f.hog_parts),
+         "another's upload ahead of most waiting", service_hogs),
         ("10", "cross-site POSTs", "403, nothing stored; same origin stores", cross_site),
         ("11", "request smuggling", "501 + close; bad chunk 4xx + close", smuggling),
         ("12", "control chars in names", "400 page, nothing stored", control_characters),
