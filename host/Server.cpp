@@ -1734,9 +1734,17 @@ struct Server::State {
             if (ec) {
                 return;
             }
+            // Uploads still waiting for a service thread will not start: each would store its
+            // files for a client whose connection is being closed, and a deep queue would hold
+            // the stop for as long as all of them take. Their clients got no answer, so none
+            // of them was told its files were stored. Those under way finish.
+            const std::vector<ServiceQueue::Call> dropped = shared->serviceOrder.close();
             const std::vector<std::shared_ptr<SessionBase>> left = liveSessions();
             writeEvent(shared->events.log, LogLevel::warn,
-                       "shutdown timeout: closing " + std::to_string(left.size()) + " connections");
+                       "shutdown timeout: closing " + std::to_string(left.size()) + " connections" +
+                           (dropped.empty() ? std::string()
+                                            : ", dropping " + std::to_string(dropped.size()) +
+                                                  " uploads that waited for a service thread"));
             for (const auto& session : left) {
                 session->abort();
             }

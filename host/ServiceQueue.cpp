@@ -3,6 +3,7 @@
 #include "host/ClientKey.h"
 
 #include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 namespace kestrin::host {
@@ -16,13 +17,16 @@ std::optional<ServiceQueue::Start> ServiceQueue::submit(const std::string& clien
     const std::string site = siteOf(client);
     const unsigned weight = site.empty() ? 1 : siteShares;
     std::lock_guard<std::mutex> lock(mutex);
-    Client& entry = enter(client, site.empty() ? client : site, weight);
     // Calls wait only while every thread is taken, so a free thread means nobody waits.
     if (running < threads) {
-        startOne(entry);
+        startOne(enter(client, site.empty() ? client : site, weight));
         ++running;
         return Start{client, std::move(call)};
     }
+    if (closed) {
+        return std::nullopt; // the call goes with its argument, once the lock is let go
+    }
+    Client& entry = enter(client, site.empty() ? client : site, weight);
     entry.waiting.push_back(std::move(call));
     ++waiting;
     return std::nullopt;
@@ -47,6 +51,23 @@ std::optional<ServiceQueue::Start> ServiceQueue::finished(const std::string& cli
 ServiceQueue::Counts ServiceQueue::counts() const {
     std::lock_guard<std::mutex> lock(mutex);
     return Counts{running, waiting};
+}
+
+std::vector<ServiceQueue::Call> ServiceQueue::close() {
+    std::vector<Call> dropped;
+    std::lock_guard<std::mutex> lock(mutex);
+    closed = true;
+    for (auto client = clients.begin(); client != clients.end();) {
+        const auto next = std::next(client);
+        for (Call& call : client->second.waiting) {
+            dropped.push_back(std::move(call));
+        }
+        client->second.waiting.clear();
+        leaveIfIdle(client);
+        client = next;
+    }
+    waiting = 0;
+    return dropped;
 }
 
 ServiceQueue::Client& ServiceQueue::enter(const std::string& client, std::string group,

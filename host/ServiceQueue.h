@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace kestrin::host {
 
@@ -44,7 +45,7 @@ public:
     ServiceQueue(std::size_t threads, unsigned siteShares);
 
     // A call of the client of this key (clientKey) is ready: it comes back when a thread is
-    // free for it, and waits here otherwise.
+    // free for it, and waits here otherwise; once closed, it is dropped instead.
     std::optional<Start> submit(const std::string& client, Call call);
 
     // A call of this client that had started has ended: the waiting call that takes its
@@ -52,6 +53,10 @@ public:
     std::optional<Start> finished(const std::string& client);
 
     Counts counts() const;
+
+    // For a stop that has waited long enough: the calls waiting are handed back, never to
+    // start, and from now on no call waits. The calls under way go on to their end.
+    std::vector<Call> close();
 
 private:
     // What counts a client against the others: its site (or itself) and its own calls.
@@ -80,6 +85,7 @@ private:
     std::unordered_map<std::string, Group> groups;
     std::size_t running = 0;
     std::size_t waiting = 0;
+    bool closed = false;
     std::uint64_t starts = 0;
     std::uint64_t arrivals = 0;
 };

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -57,6 +58,31 @@ TEST(ServiceQueue, aFreedThreadGoesToTheClientHoldingFewest) {
     EXPECT_THROW(queue.finished("192.0.2.1"), std::logic_error);
     // A client back after all its calls ended holds nothing.
     EXPECT_EQ(log.run(queue.submit("192.0.2.1", log.call("a5"))), "192.0.2.1");
+}
+
+// A stop that has waited long enough: the waiting calls never start and are let go with what
+// they hold, the call under way still ends as usual and frees its thread, and a call that finds
+// every thread taken is dropped rather than kept.
+TEST(ServiceQueue, closingLetsTheWaitingCallsGoAndKeepsNoneAfter) {
+    ServiceQueue queue(1, 16);
+    Log log;
+    const auto held = std::make_shared<int>(0);
+    EXPECT_EQ(log.run(queue.submit("192.0.2.1", log.call("a1"))), "192.0.2.1");
+    EXPECT_FALSE(queue.submit("192.0.2.1", [held] {}).has_value());
+    EXPECT_FALSE(queue.submit("198.51.100.2", log.call("b1")).has_value());
+    std::vector<ServiceQueue::Call> dropped = queue.close();
+    EXPECT_EQ(dropped.size(), 2u);
+    EXPECT_EQ(queue.counts().waiting, 0u);
+    dropped.clear();
+    EXPECT_EQ(held.use_count(), 1);
+
+    EXPECT_FALSE(queue.submit("203.0.113.3", [held] {}).has_value());
+    EXPECT_EQ(held.use_count(), 1);
+    EXPECT_EQ(queue.counts().waiting, 0u);
+    EXPECT_EQ(log.run(queue.finished("192.0.2.1")), "");
+    EXPECT_EQ(queue.counts().running, 0u);
+    EXPECT_EQ(log.run(queue.submit("203.0.113.3", log.call("c1"))), "203.0.113.3");
+    EXPECT_EQ(log.ran, (std::vector<std::string>{"a1", "c1"}));
 }
 
 // The /64s of one /48 count together, as that many clients as the site weighs: spread over
