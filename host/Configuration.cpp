@@ -431,7 +431,7 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            size(server.minBodyRate, 1));
     option("shutdown-timeout", "SECS",
            "on SIGINT or SIGTERM, how long requests in flight may take before what is left is "
-           "closed (default 30)",
+           "closed; uploads still waiting for a service thread then never start (default 30)",
            seconds(server.shutdownTimeout));
     option("stop-delay", "SECS",
            "on SIGINT or SIGTERM, keep serving this long with /healthz answering 503 before "
@@ -510,8 +510,9 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
     option("threads", "N", "IO threads (default: the core count)", count(server.threads, 1, 1024));
     option("service-threads", "N",
            "threads that run uploads, each held until its files are written: N uploads are "
-           "stored at once (default 64); small uploads run on the IO threads while the disk "
-           "syncs quickly",
+           "stored at once (default 64); small uploads (64 KiB, eight files) run on the IO "
+           "threads while the disk syncs quickly; a thread that frees goes to the waiting "
+           "client that holds fewest",
            count(server.serviceThreads, 1, 1024));
     option("discard-route", "PATH",
            "also serve PATH by reading each body and dropping it, 200 without calling any "
