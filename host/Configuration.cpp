@@ -393,6 +393,11 @@ Configuration parseConfiguration(int argc, const char* const* argv) {
            "files one request may store (default 1000); the next is refused with a 400 result "
            "page",
            count(server.maxFiles, 1, 1'000'000));
+    option("max-files-per-client", "N",
+           "files that one client address may store in an hour, earned back evenly through the "
+           "hour; past it, an upload gets 503 with Retry-After once its body is in, before "
+           "anything is stored, and one of more files than that gets 413 (default 0: no limit)",
+           count(server.maxFilesPerClient, 0, 1'000'000'000));
     option("max-connections", "N",
            "open connections (default: the descriptor limit, raised to its hard limit, less a "
            "reserve for files); when all are taken an idle or slow one is closed to make room, "

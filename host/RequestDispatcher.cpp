@@ -133,6 +133,8 @@ std::string_view refusalLabel(Refusal refusal) noexcept {
         return "memory_share";
     case Refusal::uploadQuota:
         return "upload_quota";
+    case Refusal::fileQuota:
+        return "file_quota";
     case Refusal::disk:
         return "disk";
     case Refusal::partHeader:

@@ -32,6 +32,7 @@ enum class Refusal {
     memory,            // the memory budget, now or for any body that large
     memoryShare,       // one client's share of the memory budget
     uploadQuota,       // what one client may upload in an hour
+    fileQuota,         // the files one client may store in an hour
     disk,              // the space kept free on the upload directory's filesystem
     partHeader,        // a part's header block over its limit
     connections,       // the connection table full

@@ -68,6 +68,48 @@ Reply refuseAndClose(unsigned status, std::string text, std::string detail, Refu
     return reply;
 }
 
+// What one client may spend in an hour, in units of what it measures.
+struct HourlyQuota {
+    const char* unit;  // "bytes"
+    const char* verb;  // what a client does with them: "upload"
+    const char* name;  // as the log names it: "upload quota"
+    const char* spent; // the 503's text: "this client has uploaded all it may for now"
+    Refusal refusal;
+};
+
+// Whether amount more fits the client's quota of most an hour, taking it when it does: 413 for
+// an amount no hour would cover, 503 with Retry-After for one that does not fit now.
+std::optional<Reply> hourlyQuotaRefusal(RateBudget& budget, std::uint64_t amount,
+                                        std::uint64_t most, std::string_view client,
+                                        const HourlyQuota& quota) {
+    if (client.empty()) {
+        return std::nullopt;
+    }
+    const std::string unit = std::string(" ") + quota.unit;
+    if (amount > most) {
+        return refuse(413,
+                      "Payload Too Large: a body of " + std::to_string(amount) + unit +
+                          " is more than one client may " + quota.verb + " in an hour",
+                      "body of " + std::to_string(amount) + unit + " over the " + quota.name +
+                          " of " + std::to_string(most) + " an hour",
+                      quota.refusal);
+    }
+    const auto refused = budget.takeWhole(std::string(client), static_cast<double>(amount),
+                                          RateBudget::Clock::now());
+    if (!refused) {
+        return std::nullopt;
+    }
+    Reply reply = refuse(503, std::string("Service Unavailable: ") + quota.spent + "; retry later",
+                         (refused->sharedBy.empty() ? std::string("client's ") + quota.name + ": "
+                                                    : std::string(quota.name) + " shared by " +
+                                                          refused->sharedBy + ": ") +
+                             std::to_string(amount) + unit + " more than it has left of " +
+                             std::to_string(most) + " an hour",
+                         quota.refusal);
+    reply.headers.emplace_back("Retry-After", std::to_string(refused->retryAfter.count()));
+    return reply;
+}
+
 } // namespace
 
 std::optional<std::string> normalizeOrigin(std::string_view text) {
@@ -90,7 +132,7 @@ RequestGate::RequestGate(GateSettings gateSettings,
                          std::shared_ptr<const RequestDispatcher> requestDispatcher,
                          MemoryBudget* memoryBudget, BasicAuth* basicAuth,
                          StatusEndpoints statusEndpoints, DiskReserve* diskReserve,
-                         ClientShares* memoryShares, RateBudget* uploadQuota)
+                         ClientShares* memoryShares, RateBudget* uploadQuota, RateBudget* fileQuota)
     : settings(std::move(gateSettings))
     , dispatcher(std::move(requestDispatcher))
     , budget(memoryBudget)
@@ -98,7 +140,8 @@ RequestGate::RequestGate(GateSettings gateSettings,
     , endpoints(std::move(statusEndpoints))
     , disk(diskReserve)
     , shares(memoryShares)
-    , quota(uploadQuota) {
+    , quota(uploadQuota)
+    , files(fileQuota) {
     for (std::string& origin : settings.allowedOrigins) {
         origin = normalizeOrigin(origin).value_or(lower(origin));
     }
@@ -441,34 +484,25 @@ std::optional<Reply> RequestGate::diskRefusal(std::uint64_t length, Verdict& ver
 
 std::optional<Reply> RequestGate::quotaRefusal(std::uint64_t length,
                                                std::string_view client) const {
-    if (quota == nullptr || client.empty()) {
+    if (quota == nullptr) {
         return std::nullopt;
     }
-    const std::uint64_t most = settings.uploadPerClient;
-    if (length > most) {
-        return refuse(413,
-                      "Payload Too Large: a body of " + std::to_string(length) +
-                          " bytes is more than one client may upload in an hour",
-                      "body of " + std::to_string(length) + " bytes over the upload quota of " +
-                          std::to_string(most) + " an hour",
-                      Refusal::uploadQuota);
-    }
-    const auto refused =
-        quota->takeWhole(std::string(client), static_cast<double>(length), Clock::now());
-    if (!refused) {
+    return hourlyQuotaRefusal(*quota, length, settings.uploadPerClient, client,
+                              {"bytes", "upload", "upload quota",
+                               "this client has uploaded all it may for now",
+                               Refusal::uploadQuota});
+}
+
+std::optional<Reply> RequestGate::fileQuotaRefusal(std::uint64_t parts,
+                                                   std::string_view client) const {
+    if (files == nullptr || parts == 0) {
         return std::nullopt;
     }
-    Reply reply =
-        refuse(503,
-               "Service Unavailable: this client has uploaded all it may for now; "
-               "retry later",
-               (refused->sharedBy.empty() ? std::string("client's upload quota: ")
-                                          : "upload quota shared by " + refused->sharedBy + ": ") +
-                   std::to_string(length) + " bytes more than it has left of " +
-                   std::to_string(most) + " an hour",
-               Refusal::uploadQuota);
-    reply.headers.emplace_back("Retry-After", std::to_string(refused->retryAfter.count()));
-    return reply;
+    // Past the files one request may store the module stores no more, so they cost nothing.
+    return hourlyQuotaRefusal(
+        *files, std::min(parts, settings.maxFiles), settings.filesPerClient, client,
+        {"files", "store", "file quota", "this client has stored all the files it may for now",
+         Refusal::fileQuota});
 }
 
 std::uint64_t RequestGate::defaultClientShare(std::uint64_t memoryLimit, std::uint64_t maxBody) {

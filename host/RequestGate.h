@@ -40,6 +40,8 @@ struct GateSettings {
     std::uint64_t maxFiles = 1000;
     // Body bytes one client may upload in an hour, when the gate is given a quota to keep it.
     std::uint64_t uploadPerClient = 0;
+    // Files one client may store in an hour, when the gate is given a quota to keep it.
+    std::uint64_t filesPerClient = 0;
 };
 
 // The server's own read-only endpoints, answered from the head alone. Each may be empty: the
@@ -109,11 +111,12 @@ public:
     // null: no space is kept free. memoryShares, the memory one client's requests may hold at
     // once, may be null: a client may hold all of the budget. uploadQuota, whose share per
     // client holds settings.uploadPerClient bytes and earns them back in an hour, may be null:
-    // a client may upload without end.
+    // a client may upload without end. fileQuota, the same for settings.filesPerClient files,
+    // may be null too.
     RequestGate(GateSettings settings, std::shared_ptr<const RequestDispatcher> dispatcher,
                 MemoryBudget* budget, BasicAuth* auth, StatusEndpoints endpoints = {},
                 DiskReserve* disk = nullptr, ClientShares* memoryShares = nullptr,
-                RateBudget* uploadQuota = nullptr);
+                RateBudget* uploadQuota = nullptr, RateBudget* fileQuota = nullptr);
 
     static constexpr std::string_view healthPath = "/healthz";
     static constexpr std::string_view metricsPath = "/metrics";
@@ -125,6 +128,12 @@ public:
     // the client's shares (empty: unknown, held to no share).
     [[nodiscard]] Verdict decide(const Head& head, boost::optional<std::uint64_t> contentLength,
                                  std::string_view client = {}) const;
+
+    // Once a body is in, before any of its files is stored: whether the client may store the
+    // files its body holds (parts, as the part check counted them, at most the files one
+    // request may store). A refusal when not; otherwise they are charged to its file quota.
+    [[nodiscard]] std::optional<Reply> fileQuotaRefusal(std::uint64_t parts,
+                                                        std::string_view client) const;
 
     // What a body of this capacity costs the budget: itself, the copy the module makes of its
     // part (at most the body), and the request's overhead.
@@ -193,6 +202,7 @@ private:
     DiskReserve* disk;
     ClientShares* shares;
     RateBudget* quota;
+    RateBudget* files;
     std::string demoPage;
 };
 

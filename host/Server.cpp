@@ -231,16 +231,16 @@ constexpr std::chrono::minutes slowBodyHorizon{10};
 // theirs when they please.
 constexpr double handshakeBurstSeconds = 4;
 
-// Each client key may upload perClient bytes in an hour, earned back evenly; the pool is no
-// bound of its own. Null for 0: no quota.
-std::unique_ptr<RateBudget> uploadQuotaFor(std::uint64_t perClient, unsigned siteShares) {
+// Each client key may spend perClient units (body bytes, files) in an hour, earned back evenly;
+// the pool is no bound of its own. Null for 0: no quota.
+std::unique_ptr<RateBudget> hourlyQuotaFor(std::uint64_t perClient, unsigned siteShares) {
     if (perClient == 0) {
         return nullptr;
     }
-    const double bytes = static_cast<double>(perClient);
+    const double units = static_cast<double>(perClient);
     const double unbounded = std::numeric_limits<double>::max() / 4;
     return std::make_unique<RateBudget>(RateBudget::Limits{
-        unbounded, unbounded, bytes, bytes / 3600, 4096, static_cast<double>(siteShares)});
+        unbounded, unbounded, units, units / 3600, 4096, static_cast<double>(siteShares)});
 }
 
 // What every session shares with the server: its settings, the gate, the service threads,
@@ -254,14 +254,16 @@ struct Shared {
         , memoryShares(serverOptions.maxMemoryPerClient > 0 ? serverOptions.maxMemoryPerClient
                                                             : serverOptions.maxMemory,
                        serverOptions.siteShares)
-        , uploadQuota(uploadQuotaFor(serverOptions.maxUploadPerClient, serverOptions.siteShares))
+        , uploadQuota(hourlyQuotaFor(serverOptions.maxUploadPerClient, serverOptions.siteShares))
+        , fileQuota(hourlyQuotaFor(serverOptions.maxFilesPerClient, serverOptions.siteShares))
         , bodies(serverOptions.keptBodyBytes, BodyBufferPool::defaultSmallest, &budget)
         , gate(GateSettings{serverOptions.maxBody, serverOptions.allowedOrigins,
                             serverOptions.discardRoute, serverOptions.headerTimeout,
                             serverOptions.minBodyRate, serverOptions.idleTimeout,
-                            serverOptions.maxFiles, serverOptions.maxUploadPerClient},
+                            serverOptions.maxFiles, serverOptions.maxUploadPerClient,
+                            serverOptions.maxFilesPerClient},
                parts.dispatcher, &budget, parts.auth.get(), endpoints(), parts.disk.get(),
-               &memoryShares, uploadQuota.get())
+               &memoryShares, uploadQuota.get(), fileQuota.get())
         , table(ConnectionTable::Limits{
               serverOptions.maxConnections, serverOptions.maxConnectionsPerClient,
               serverOptions.minBodyRate, ConnectionTable::Limits{}.evictableAfter,
@@ -381,6 +383,7 @@ struct Shared {
     MemoryBudget budget;
     ClientShares memoryShares;               // of the budget, held by each client key's requests
     std::unique_ptr<RateBudget> uploadQuota; // null when the uploads of a client are not bounded
+    std::unique_ptr<RateBudget> fileQuota;   // the same for the files a client stores
     BodyBufferPool bodies;
     RequestGate gate;
     ConnectionTable table;
@@ -942,6 +945,11 @@ private:
             bytesIn = count;
             return sendReply(RequestDispatcher::plainText(
                 200, "Discarded " + std::to_string(count) + " body bytes"));
+        }
+        // Known only now that the body is in, and still before any file is stored.
+        if (std::optional<Reply> refusal =
+                shared->gate.fileQuotaRefusal(partCheck ? partCheck->parts() : 0, originShares)) {
+            return sendReply(std::move(*refusal));
         }
         callService();
     }

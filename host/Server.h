@@ -33,6 +33,8 @@ struct ServerOptions {
     std::uint64_t maxMemoryPerClient = 0;
     // Body bytes one client key may upload in an hour, earned back evenly; 0: no limit.
     std::uint64_t maxUploadPerClient = 0;
+    // Files one client key may store in an hour, earned back evenly; 0: no limit.
+    std::uint64_t maxFilesPerClient = 0;
     unsigned threads = 1; // IO threads
     // Threads that run service calls. Each is held for a whole upload, file writes included,
     // so this many uploads are stored at once, however many cores there are.

@@ -309,8 +309,12 @@ int serve(kestrin::host::Configuration arguments) {
                      : std::string()) +
                 ", " + std::to_string(options.maxConnections) + " connections (" +
                 std::to_string(options.maxConnectionsPerClient) + " per client), " +
-                std::to_string(options.maxFiles) + " files a request, " + mebibytes(minFree.bytes) +
-                " and " + std::to_string(minFree.files) + " files of the disk kept free" +
+                std::to_string(options.maxFiles) + " files a request" +
+                (options.maxFilesPerClient > 0
+                     ? " (" + std::to_string(options.maxFilesPerClient) + " an hour per client)"
+                     : std::string()) +
+                ", " + mebibytes(minFree.bytes) + " and " + std::to_string(minFree.files) +
+                " files of the disk kept free" +
                 (auth ? ", authentication on (password checks up to " +
                             std::to_string(arguments.authCpu) + "% of a core, " +
                             std::to_string(arguments.authCpuPerClient) + "% per client)"

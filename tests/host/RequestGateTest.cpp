@@ -377,6 +377,43 @@ TEST(RequestGate, aClientsUploadsInAnHourAreHeldToItsQuota) {
     EXPECT_FALSE(quota.takeWhole("10.0.0.4", 3000, RateBudget::Clock::now()));
 }
 
+// The files one client stores in an hour are bounded the same way, counted once its body is in:
+// files past the most one request may store are not charged, a refusal costs nothing, and
+// another client has its own.
+TEST(RequestGate, aClientsFilesInAnHourAreHeldToItsQuota) {
+    GateSettings settings;
+    settings.filesPerClient = 100;
+    settings.maxFiles = 60;
+    RateBudget files({1e12, 1e12, 100, 100.0 / 3600});
+    const RequestGate gate(settings, uploadDispatcher(), nullptr, nullptr, {}, nullptr, nullptr,
+                           nullptr, &files);
+    EXPECT_FALSE(gate.fileQuotaRefusal(60, "10.0.0.1"));
+    // Past the request's 60, the 500 parts cost 60 and leave nothing of the hundred.
+    const std::optional<Reply> over = gate.fileQuotaRefusal(500, "10.0.0.1");
+    ASSERT_TRUE(over);
+    EXPECT_EQ(over->status, 503u);
+    EXPECT_EQ(over->refusal, Refusal::fileQuota);
+    // Twenty files short, at a hundred an hour.
+    EXPECT_EQ(header(*over, "Retry-After"), "720");
+    EXPECT_FALSE(gate.fileQuotaRefusal(40, "10.0.0.1"));
+    EXPECT_TRUE(gate.fileQuotaRefusal(1, "10.0.0.1"));
+    EXPECT_FALSE(gate.fileQuotaRefusal(60, "10.0.0.2"));
+    // A body of no parts stores nothing, and one of more files than the quota never could.
+    EXPECT_FALSE(gate.fileQuotaRefusal(0, "10.0.0.1"));
+    GateSettings small = settings;
+    small.filesPerClient = 50;
+    const RequestGate tight(small, uploadDispatcher(), nullptr, nullptr, {}, nullptr, nullptr,
+                            nullptr, &files);
+    const std::optional<Reply> never = tight.fileQuotaRefusal(51, "10.0.0.3");
+    ASSERT_TRUE(never);
+    EXPECT_EQ(never->status, 413u);
+    EXPECT_EQ(never->refusal, Refusal::fileQuota);
+    // Without a quota, or for a request of no known client, nothing is counted.
+    const RequestGate open(settings, uploadDispatcher(), nullptr, nullptr);
+    EXPECT_FALSE(open.fileQuotaRefusal(1000, "10.0.0.1"));
+    EXPECT_FALSE(gate.fileQuotaRefusal(1000, ""));
+}
+
 TEST(RequestGate, anUploadTheDiskCannotTakeAndKeepItsReserveIsRefusedBeforeItsBody) {
     DiskReserve::Space free{10'000, 1'000};
     DiskReserve disk({2'000, 100}, [&free] { return std::optional<DiskReserve::Space>(free); });
