@@ -1202,6 +1202,43 @@ async def service_hogs(ctx, row):
     await still_serving(ctx, row, server)
 
 
+async def file_quota(ctx, row):
+    """One address stores requests of 100 tiny files, one after another, against a quota of
+    500 files an hour: five are stored whole; the rest get 503 with Retry-After once their
+    bodies are in, and store nothing; another address still stores its own."""
+    quota, parts, requests = 500, 100, 8
+    server = ctx.start("--max-files-per-client", str(quota))
+
+    def request(prefix):
+        body = small_body([(b"%s-%03d.txt" % (prefix, part), b"x") for part in range(parts)])
+        return request_head(server.port, len(body)), body
+
+    answers = []
+    with row.measure(server):
+        for index in range(requests):
+            head, body = request(b"f%d" % index)
+            answers.append(row.record(await exchange(server.port, head, body,
+                                                     ATTACK_SOURCES[0])))
+        head, body = request(b"other")
+        other = await exchange(server.port, head, body, ATTACK_SOURCES[1])
+    stored = Counter(name.split("-")[0] for name in stored_names(server))
+    allowed = quota // parts
+    for index, answer in enumerate(answers):
+        want = 200 if index < allowed else 503
+        row.check(answer.status == want, "request %d got %s, not %d" % (index, answer.label,
+                                                                        want))
+        row.check(stored["f%d" % index] == (parts if want == 200 else 0),
+                  "request %d stored %d files" % (index, stored["f%d" % index]))
+        if want == 503:
+            row.check("retry-after" in answer.headers,
+                      "request %d: 503 without Retry-After" % index)
+    row.check(other.status == 200 and stored["other"] == parts,
+              "another address got %s and stored %d files" % (other.label, stored["other"]))
+    row.check("client's file quota" in server.logged(), "no log line names the file quota")
+    reasons = refusal_reasons(server)
+    row.check(reasons == {"file_quota": requests - allowed}, "the metrics counted %s" % reasons)
+
+
 def upload_of(server, name, size, extra=()):
     """(head, body) of one upload of a file of size bytes."""
     body = small_body([(name, b"s" * size)])
@@ -1318,6 +1355,8 @@ def rows_of(form):
          address_spray),
         ("18c", "300 /64s of one /48 behind a proxy", "<=2 quotas stored; other site 200",
          site_spray),
+        ("18d", "one address storing 8 x 100 files", "<=500 files stored, then 503+RA",
+         file_quota),
         ("19", "page flood, one address", "log<64K; upload, other's 404 logged",
          page_flood),
     ]

@@ -41,11 +41,12 @@ ctest --test-dir build-asan --output-on-failure -j "$jobs" -L 'unit|concurrency'
 # The server under attack, checked: the memory shares of one address and of one /48, floods,
 # many files, the service threads kept busy, cross-site requests, smuggling, a stop mid-body
 # and one with uploads queued, a password flood, a filled disk, a TLS handshake flood, an
-# upload quota, addresses sprayed past its table and across the /64s of one /48, a page
-# flood. Not the rows that bound memory use (the sanitizer's own memory is counted) nor the
-# one that runs out of descriptors (the sanitizer needs some for its own checks).
+# upload quota and a file quota, addresses sprayed past its table and across the /64s of one
+# /48, a page flood. Not the rows that bound memory use (the sanitizer's own memory is
+# counted) nor the one that runs out of descriptors (the sanitizer needs some for its own
+# checks).
 python3 -B bench/hostile_load.py build-asan/host/kestrin-upload-server \
-    --only 1c,1d,4,5,6,4b,8,9,9b,10,11,12,14,14b,15,16,17,18,18b,18c,19
+    --only 1c,1d,4,5,6,4b,8,9,9b,10,11,12,14,14b,15,16,17,18,18b,18c,18d,19
 unset ASAN_OPTIONS UBSAN_OPTIONS
 
 stage "ThreadSanitizer (concurrency tests)"
