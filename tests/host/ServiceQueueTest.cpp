@@ -120,6 +120,32 @@ TEST(ServiceQueue, theSlash64sOfOneSlash48CountAsTheirSite) {
         EXPECT_EQ(log.run(queue.finished("198.51.100.2")), "2001:db8:1:2::/64");
         EXPECT_EQ(log.run(queue.finished("2001:db8:1:1::/64")), "192.0.2.1");
     }
+    // Which of two waiting clients is looked at first depends on their addresses and on which
+    // came first; the answer must not. A site weighing four that holds two threads holds half a
+    // client's worth, less than a client holding one, whichever of them the queue meets first.
+    const std::string s1 = "2001:db8:1:1::/64", s2 = "2001:db8:1:2::/64", s3 = "2001:db8:1:3::/64";
+    const std::string x = "203.0.113.9", y = "203.0.113.10";
+    for (int host = 1; host <= 16; ++host) {
+        const std::string v = "192.0.2." + std::to_string(host);
+        for (const bool siteFirst : {false, true}) {
+            ServiceQueue queue(4, 4);
+            Log log;
+            for (const std::string& client : {s1, s2, x, siteFirst ? y : v}) {
+                EXPECT_EQ(log.run(queue.submit(client, log.call(client))), client);
+            }
+            if (siteFirst) {
+                // v comes after s3, and its first call takes the thread y frees: it held none.
+                EXPECT_EQ(log.run(queue.submit(s3, log.call("s3"))), "");
+                EXPECT_EQ(log.run(queue.submit(v, log.call("v1"))), "");
+                EXPECT_EQ(log.run(queue.submit(v, log.call("v2"))), "");
+                EXPECT_EQ(log.run(queue.finished(y)), v);
+            } else {
+                EXPECT_EQ(log.run(queue.submit(v, log.call("v2"))), "");
+                EXPECT_EQ(log.run(queue.submit(s3, log.call("s3"))), "");
+            }
+            EXPECT_EQ(log.run(queue.finished(x)), s3) << v << (siteFirst ? ", s3 first" : "");
+        }
+    }
 }
 
 } // namespace
