@@ -74,6 +74,14 @@ struct Metrics::State {
             .Name("kestrin_service_calls")
             .Help("Uploads on the service threads: running, and waiting for a thread")
             .Register(registry);
+    prometheus::Family<prometheus::Counter>& uploadCalls =
+        prometheus::BuildCounter()
+            .Name("kestrin_upload_calls_total")
+            .Help("Uploads handed to the module: on the IO thread that read them, or on a "
+                  "service thread")
+            .Register(registry);
+    prometheus::Counter& callsOnIo = uploadCalls.Add({{"thread", "io"}});
+    prometheus::Counter& callsOnService = uploadCalls.Add({{"thread", "service"}});
     prometheus::Gauge& serviceRunning = serviceCalls.Add({{"state", "running"}});
     prometheus::Gauge& serviceWaiting = serviceCalls.Add({{"state", "waiting"}});
 
@@ -135,6 +143,10 @@ void Metrics::refused(unsigned cause, std::string_view reason) {
 void Metrics::filesStored(std::uint64_t files, std::uint64_t bytes) {
     state->files.Increment(static_cast<double>(files));
     state->fileBytes.Increment(static_cast<double>(bytes));
+}
+
+void Metrics::uploadCallPlaced(bool onIoThread) {
+    (onIoThread ? state->callsOnIo : state->callsOnService).Increment();
 }
 
 std::string Metrics::scrape(const Snapshot& now) {

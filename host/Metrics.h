@@ -27,6 +27,9 @@ public:
     // handshakes over their rate. cause is the status it got, or would have; reason, why.
     void refused(unsigned cause, std::string_view reason);
     void filesStored(std::uint64_t files, std::uint64_t bytes);
+    // An upload's call to the module began: on the IO thread that read it, or handed to the
+    // service threads.
+    void uploadCallPlaced(bool onIoThread);
     // A request that ended without an answer: the client left mid-body.
     void requestAbandoned(std::uint64_t bytesIn);
 

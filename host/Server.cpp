@@ -1035,7 +1035,9 @@ private:
                           self->sendReply(std::move(reply));
                       });
         };
-        if (shared->placement.runInline(bytesIn, parts)) {
+        const bool onIoThread = shared->placement.runInline(bytesIn, parts);
+        shared->metrics.uploadCallPlaced(onIoThread);
+        if (onIoThread) {
             call();
         } else {
             shared->callOnServiceThread(originShares, std::move(call));
