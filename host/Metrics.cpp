@@ -74,6 +74,8 @@ struct Metrics::State {
             .Name("kestrin_service_calls")
             .Help("Uploads on the service threads: running, and waiting for a thread")
             .Register(registry);
+    prometheus::Gauge& serviceRunning = serviceCalls.Add({{"state", "running"}});
+    prometheus::Gauge& serviceWaiting = serviceCalls.Add({{"state", "waiting"}});
     prometheus::Family<prometheus::Counter>& uploadCalls =
         prometheus::BuildCounter()
             .Name("kestrin_upload_calls_total")
@@ -82,8 +84,6 @@ struct Metrics::State {
             .Register(registry);
     prometheus::Counter& callsOnIo = uploadCalls.Add({{"thread", "io"}});
     prometheus::Counter& callsOnService = uploadCalls.Add({{"thread", "service"}});
-    prometheus::Gauge& serviceRunning = serviceCalls.Add({{"state", "running"}});
-    prometheus::Gauge& serviceWaiting = serviceCalls.Add({{"state", "waiting"}});
 
     // The request counter of a route and status. The family would build and hash the labels
     // on every request; the pairs seen are few (the routes are the server's own), so they are
